@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# dev.sh: one entry point for building, testing and running zv-qel-sa on a Debian PC.
+#
+#   ./dev.sh test [--asan|--tsan] [CTEST ARGS...]  install what is missing, build, run every test
+#   ./dev.sh sim                                   install, build, boot the simulated handset
+#   ./dev.sh deps                                  install the packages only
+#
+# Tests and the simulated handset need root (or unprivileged user namespaces) for bubblewrap.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
+          bubblewrap busybox tcpdump)
+
+install_deps() {
+    local missing=()
+    for p in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "dev.sh: installing ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" = 0 ] || sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build DIR [cmake args...]
+build() {
+    local dir=$1; shift
+    cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+    cmake --build "$dir" -j2
+}
+
+cmd=${1:-test}
+[ $# -gt 0 ] && shift
+case "$cmd" in
+    deps)
+        install_deps
+        ;;
+    test)
+        install_deps
+        dir=build san=""
+        case "${1:-}" in
+            --asan) dir=build-asan san=address; shift ;;
+            --tsan) dir=build-tsan san=thread; shift ;;
+        esac
+        build "$dir" -DZV_SANITIZE="$san"
+        ctest --test-dir "$dir" -j2 --output-on-failure "$@"
+        ;;
+    sim)
+        install_deps
+        build build
+        exec sim/zv-handset shell --build build
+        ;;
+    *)
+        sed -n '2,8p' "$0" >&2
+        exit 2
+        ;;
+esac
