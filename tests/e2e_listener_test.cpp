@@ -1,0 +1,253 @@
+// End-to-end tests of the remote shell listener on /dev/ttysa1: a peer writes a request, reads back the
+// name of a fresh pty, opens it, acknowledges, and talks to the shell on it.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+
+using namespace zvtest;
+using namespace std::chrono_literals;
+
+namespace {
+
+// One request on the listener: the connection's slave, opened before the acknowledgement.
+struct Connection {
+    std::string name;
+    int slave = -1;
+};
+
+class ListenerTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        daemon_ = start_daemon_with_links();
+        ASSERT_GT(daemon_.pid, 0);
+        ASSERT_FALSE(link_target(kListenerLink).empty()) << read_file(kSaLog);
+        listener_ = open_client(kListenerLink);
+        ASSERT_GE(listener_, 0);
+    }
+    void TearDown() override {
+        if (listener_ >= 0) close(listener_);
+        kill_and_reap(daemon_.pid);
+    }
+    // Sends request, reads the connection name, opens it, then acknowledges.
+    Connection Request(const std::string &request) {
+        Connection c;
+        EXPECT_TRUE(write_all(listener_, request));
+        c.name = read_until(listener_, [](const std::string &s) { return !s.empty(); }, 10s);
+        EXPECT_EQ(0u, c.name.rfind("/dev/pts/", 0)) << c.name;
+        c.slave = open_client(c.name);
+        EXPECT_GE(c.slave, 0) << c.name;
+        EXPECT_TRUE(write_all(listener_, "ok"));
+        return c;
+    }
+    // Reads the slave until the master is closed (read fails or ends); returns everything read.
+    static std::string ReadToClose(int fd, std::chrono::milliseconds timeout, bool *closed = nullptr) {
+        std::string got;
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            pollfd p{fd, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) continue;
+            char buf[256];
+            ssize_t n = read(fd, buf, sizeof(buf));
+            if (n <= 0) {
+                if (closed != nullptr) *closed = true;
+                return got;
+            }
+            got.append(buf, static_cast<size_t>(n));
+        }
+        if (closed != nullptr) *closed = false;
+        return got;
+    }
+    static int CountInLog(const std::string &needle) {
+        std::string log = read_file(kLogClientFile);
+        int n = 0;
+        for (size_t pos = log.find(needle); pos != std::string::npos; pos = log.find(needle, pos + 1)) ++n;
+        return n;
+    }
+    Daemon daemon_;
+    int listener_ = -1;
+};
+
+TEST_F(ListenerTest, ShellWithCommandRunsItOnTheNewPty) {
+    make_dirs("/data/zz-marker");
+    Connection c = Request("shell:ls /data");
+    bool closed = false;
+    std::string out = ReadToClose(c.slave, 10s, &closed);
+    EXPECT_NE(std::string::npos, out.find("zz-marker")) << out;
+    EXPECT_TRUE(closed);
+    close(c.slave);
+    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Exit code[0]") == 1; }, 10s));
+}
+
+TEST_F(ListenerTest, InteractiveShellExitCodeIsTracedAndMasterClosedAfterGrace) {
+    Connection c = Request("shell:");
+    ASSERT_TRUE(write_all(c.slave, "echo hi; exit 3\n"));
+    std::string out = read_until(c.slave, [](const std::string &s) { return s.find("hi\n") != std::string::npos; }, 3s);
+    for (unsigned char ch : out) fprintf(stderr, ch >= 32 && ch < 127 ? "%c" : "\\x%02x", ch);
+    auto saw_output = std::chrono::steady_clock::now();
+    ASSERT_NE(std::string::npos, out.find("hi\n")) << out;
+    bool closed = false;
+    ReadToClose(c.slave, 10s, &closed);
+    auto took = std::chrono::steady_clock::now() - saw_output;
+    EXPECT_TRUE(closed);
+    EXPECT_GE(took, 200ms);
+    EXPECT_LT(took, 5s);
+    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Exit code[3]") == 1; }, 10s));
+    close(c.slave);
+}
+
+TEST_F(ListenerTest, ShellKilledBySigkillIsReportedAsSignalNine) {
+    Connection c = Request("shell:sleep 100");
+    pid_t shell = 0;
+    ASSERT_TRUE(poll_until([&] {
+        for (pid_t p : child_pids(daemon_.pid)) {
+            if (read_file("/proc/" + std::to_string(p) + "/cmdline").find("sleep") != std::string::npos) shell = p;
+        }
+        return shell > 0;
+    }, 10s));
+    ASSERT_EQ(0, kill(shell, SIGKILL));
+    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Killed by signal[9]") == 1; }, 10s));
+    close(c.slave);
+}
+
+TEST_F(ListenerTest, HostKillEndsTheDaemonWithStatusZero) {
+    ASSERT_TRUE(write_all(listener_, "host:kill"));
+    int status = wait_exit(daemon_.pid, 10s);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    daemon_.pid = -1;
+    auto messages = sa_log_messages();
+    EXPECT_GE(find_message(messages, "sa_listener_loop host:kill exit"), 0);
+}
+
+TEST_F(ListenerTest, HostKillWithNewlineIsServedAsUnknownRequest) {
+    Connection c = Request("host:kill\n");
+    bool closed = false;
+    std::string out = ReadToClose(c.slave, 10s, &closed);
+    EXPECT_TRUE(closed);
+    EXPECT_EQ("", out);
+    close(c.slave);
+    EXPECT_EQ(0, kill(daemon_.pid, 0));
+    EXPECT_EQ(0, CountInLog("create_subproc_thread fd["));
+}
+
+TEST_F(ListenerTest, TwoRequestsInOneReadFormOneRequest) {
+    Connection c = Request("shell:echo oneshell:echo two");
+    std::string out = ReadToClose(c.slave, 10s);
+    EXPECT_NE(std::string::npos, out.find("oneshell:echo two")) << out;
+    close(c.slave);
+}
+
+TEST_F(ListenerTest, ClosingThePeerSideRecreatesTheLinkAndTheLoopGoesOn) {
+    close(listener_);
+    listener_ = -1;
+    ASSERT_TRUE(poll_until([] { return find_message(sa_log_messages(), "sa_listener_loop exit") < 0 &&
+                                       read_file(kLogClientFile).find("sa_listener_loop reopen fd[") != std::string::npos; },
+                           10s));
+    ASSERT_FALSE(link_target(kListenerLink).empty());
+    listener_ = open_client(kListenerLink);
+    ASSERT_GE(listener_, 0);
+    Connection c = Request("shell:echo again");
+    EXPECT_NE(std::string::npos, ReadToClose(c.slave, 10s).find("again"));
+    close(c.slave);
+}
+
+TEST_F(ListenerTest, PeerThatNeverAcknowledgesBlocksOnlyTheListener) {
+    ASSERT_TRUE(write_all(listener_, "shell:true"));
+    std::string name = read_until(listener_, [](const std::string &s) { return !s.empty(); }, 10s);
+    ASSERT_EQ(0u, name.rfind("/dev/pts/", 0));
+    // No acknowledgement: the command channel still answers.
+    EXPECT_EQ("\r\nOK\r\n", cmd_request_once("AT\r"));
+}
+
+TEST_F(ListenerTest, ShellOomAdjustmentIsZero) {
+    // Raise the daemon's own value first, so that the shell has to lower it.
+    write_file("/proc/" + std::to_string(daemon_.pid) + "/oom_adj", "5");
+    ASSERT_NE("0\n", read_file("/proc/" + std::to_string(daemon_.pid) + "/oom_adj"));
+    std::string status = read_file("/proc/" + std::to_string(daemon_.pid) + "/status");
+    size_t cap = status.find("CapEff:\t");
+    ASSERT_NE(std::string::npos, cap);
+    unsigned long long caps = std::stoull(status.substr(cap + 8, 16), nullptr, 16);
+    if ((caps & (1ull << 24)) == 0) {
+        GTEST_SKIP() << "the handset runs without CAP_SYS_RESOURCE: a process may not lower its oom_adj here";
+    }
+    Connection c = Request("shell:cat /proc/self/oom_adj");
+    EXPECT_EQ("0\n", ReadToClose(c.slave, 10s));
+    close(c.slave);
+}
+
+TEST_F(ListenerTest, ShellInheritsNoDescriptorButItsPty) {
+    // ls is run by the shell; what it inherited besides 0, 1 and 2 came from the daemon.
+    Connection c = Request("shell:ls -l /proc/self/fd | cat");
+    std::string out = ReadToClose(c.slave, 10s);
+    close(c.slave);
+    std::vector<std::string> fds;
+    size_t pos = 0;
+    while ((pos = out.find(" -> ", pos)) != std::string::npos) {
+        size_t start = out.rfind(' ', pos - 1) + 1;
+        fds.push_back(out.substr(start, pos - start));
+        pos += 4;
+    }
+    // 0 and 2 are the pty, 1 the pipe to cat; ls's own folder descriptor has no link to show.
+    EXPECT_EQ((std::vector<std::string>{"0", "1", "2"}), fds) << out;
+}
+
+TEST_F(ListenerTest, HundredShellsLeaveNoZombieThreadOrDescriptor) {
+    Connection warm = Request("shell:true");
+    ReadToClose(warm.slave, 10s);
+    close(warm.slave);
+    ASSERT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == 2; }, 10s)) << count_threads(daemon_.pid);
+    int fds = count_fds(daemon_.pid);
+    for (int i = 0; i < 100; ++i) {
+        Connection c = Request("shell:true");
+        bool closed = false;
+        ReadToClose(c.slave, 10s, &closed);
+        ASSERT_TRUE(closed) << i;
+        close(c.slave);
+    }
+    EXPECT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == 2; }, 10s)) << count_threads(daemon_.pid);
+    EXPECT_TRUE(poll_until([&] { return count_fds(daemon_.pid) == fds; }, 10s)) << count_fds(daemon_.pid);
+    EXPECT_TRUE(child_pids(daemon_.pid).empty());
+    // sa.log keeps every line (the structured log is a ring of 100 KB).
+    EXPECT_TRUE(poll_until([] {
+        int n = 0;
+        for (const auto &m : sa_log_messages()) n += m.find("] exit code[0]") != std::string::npos;
+        return n == 101;
+    }, 10s));
+}
+
+TEST_F(ListenerTest, AnyRequestUpToTheReadLimitIsServedWithoutCrash) {
+    std::string junk;
+    for (int i = 0; i < 1023; ++i) junk.push_back(static_cast<char>(1 + (i * 7919) % 255));
+    Connection c = Request(junk);
+    bool closed = false;
+    ReadToClose(c.slave, 10s, &closed);
+    EXPECT_TRUE(closed);
+    close(c.slave);
+    Connection s = Request("shell:echo alive");
+    EXPECT_NE(std::string::npos, ReadToClose(s.slave, 10s).find("alive"));
+    close(s.slave);
+}
+
+TEST(ListenerStartup, ExistingFileAtTheLinkNameIsReplaced) {
+    write_file(kListenerLink, "not a link");
+    Daemon d = start_daemon_with_links();
+    struct stat st;
+    ASSERT_EQ(0, lstat(kListenerLink, &st));
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+    EXPECT_EQ(0u, link_target(kListenerLink).rfind("/dev/pts/", 0));
+    kill_and_reap(d.pid);
+}
+
+}  // namespace

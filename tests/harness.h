@@ -1,0 +1,88 @@
+// End-to-end test harness: starts the real daemon binary inside the simulated handset the way init
+// does (working folder "/", its own session), and offers file, process and polling helpers. Waiting is
+// always a poll with a deadline, never a fixed sleep.
+#ifndef ZV_TESTS_HARNESS_H
+#define ZV_TESTS_HARNESS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zvtest {
+
+constexpr char kDaemonPath[] = "/system/bin/zv-qel-sa";
+constexpr char kSaLog[] = "/data/local/log/sa.log";
+constexpr char kLogClientFile[] = "/data/local/log/zv-qel-sa/zv-qel-sa-log/zv-qel-sa.log";
+constexpr char kDaemonOut[] = "/tmp/zv-qel-sa.out";
+
+// A daemon process started by the harness.
+struct Daemon {
+    pid_t pid = -1;
+};
+
+// Starts the daemon with extra arguments: own session, cwd "/", stdout and stderr to kDaemonOut.
+// argv0 replaces the program name seen in /proc/<pid>/cmdline when given.
+Daemon start_daemon(const std::vector<std::string> &args = {}, const std::string &argv0 = "");
+// Starts any program the same way (own session, cwd "/"), output to out_path ("" keeps the test's).
+pid_t spawn(const std::vector<std::string> &argv, const std::string &out_path = "");
+// Waits for pid to end; returns its wait status, or -1 when the deadline passed first.
+int wait_exit(pid_t pid, std::chrono::milliseconds timeout);
+// Kills pid (and its process group) with SIGKILL and reaps it.
+void kill_and_reap(pid_t pid);
+
+// Polls pred every few milliseconds until it holds or the deadline passes; returns its last value.
+bool poll_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout);
+
+bool file_exists(const std::string &path);
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &content, int mode = 0644);
+// Creates every missing folder of path.
+void make_dirs(const std::string &path);
+std::vector<std::string> read_lines(const std::string &path);
+
+// The messages of sa.log: each line with its "[MM-DD hh:mm:ss.mmm]" prefix removed, so that
+// "func message" remains. Lines that lack the prefix are returned unchanged.
+std::vector<std::string> sa_log_messages(const std::string &path = kSaLog);
+// Index of the first message at or after `from` that equals text, or -1.
+int find_message(const std::vector<std::string> &messages, const std::string &text, int from = 0);
+
+// Prepares the handset's /data as its init scripts do before the daemon starts.
+void prepare_data();
+
+// ---- Clients of the daemon's ptys ----
+
+constexpr char kCmdLink[] = "/dev/ttySA0";
+constexpr char kListenerLink[] = "/dev/ttysa1";
+
+// Writes a configuration naming kCmdLink as the command link, starts the daemon and waits until the
+// command link and the listener link resolve to their slaves.
+Daemon start_daemon_with_links(const std::vector<std::string> &args = {});
+// Opens a pty slave (through a link) as a client does: read-write, no controlling tty, raw mode.
+int open_client(const std::string &path);
+// Writes all of data to fd.
+bool write_all(int fd, const std::string &data);
+// Reads from fd until done(received) holds or the deadline passes; returns what was received.
+std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
+                       std::chrono::milliseconds timeout);
+// Reads whatever arrives within `quiet` of silence (at most `timeout` in all).
+std::string read_for(int fd, std::chrono::milliseconds timeout);
+// True when text ends with a final answer of the command channel ("\r\nOK\r\n" or an ERROR line).
+bool is_final_answer(const std::string &text);
+// Sends one request and reads until its final answer or the deadline.
+std::string cmd_request(int fd, const std::string &request, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+// Opens kCmdLink, sends one request, returns the answer, closes.
+std::string cmd_request_once(const std::string &request, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// Number of open descriptors of a process, and of its threads and its child processes.
+int count_fds(pid_t pid);
+int count_threads(pid_t pid);
+std::vector<pid_t> child_pids(pid_t pid);
+// The resolved target of a link, or "".
+std::string link_target(const std::string &path);
+
+}  // namespace zvtest
+
+#endif  // ZV_TESTS_HARNESS_H
