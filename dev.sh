@@ -3,6 +3,7 @@
 #
 #   ./dev.sh test [--asan|--tsan] [CTEST ARGS...]  install what is missing, build, run every test
 #   ./dev.sh sim                                   install, build, boot the simulated handset
+#   ./dev.sh fuzz [SECONDS]                        build the fuzz targets (clang) and run each in a handset
 #   ./dev.sh deps                                  install the packages only
 #
 # Tests and the simulated handset need root (or unprivileged user namespaces) for bubblewrap.
@@ -25,11 +26,13 @@ install_deps() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# build DIR [cmake args...]
+# build DIR [cmake args...]; builds the targets named in $targets, or everything.
+targets=""
 build() {
     local dir=$1; shift
     cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
-    cmake --build "$dir" -j2
+    # shellcheck disable=SC2086
+    cmake --build "$dir" -j2 ${targets:+--target $targets}
 }
 
 cmd=${1:-test}
@@ -48,13 +51,27 @@ case "$cmd" in
         build "$dir" -DZV_SANITIZE="$san"
         ctest --test-dir "$dir" -j2 --output-on-failure "$@"
         ;;
+    fuzz)
+        install_deps
+        seconds=${1:-60}
+        targets="cmd_req_fuzz cfg_line_fuzz"
+        build build-fuzz -DZV_SANITIZE=fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+        for target in build-fuzz/fuzz/*_fuzz; do
+            name=$(basename "$target")
+            mkdir -p "build-fuzz/corpus/$name"
+            echo "dev.sh: fuzzing $name for $seconds s"
+            sim/zv-handset run --build build-fuzz -- "$PWD/$target" -max_total_time="$seconds" -max_len=512 \
+                "$PWD/build-fuzz/corpus/$name" "$PWD/fuzz/corpus/$name" 2>&1 | tail -n 3
+            [ "${PIPESTATUS[0]}" = 0 ] || { echo "dev.sh: $name failed"; exit 1; }
+        done
+        ;;
     sim)
         install_deps
         build build
         exec sim/zv-handset shell --build build
         ;;
     *)
-        sed -n '2,8p' "$0" >&2
+        sed -n '2,9p' "$0" >&2
         exit 2
         ;;
 esac

@@ -123,6 +123,10 @@ static bool has_request_terminator(const char *p) {
 }
 
 long handle_sa_cmd_req(int fd, sa_msg_st *req, sa_msg_st *rsp) {
+    return sa_dispatch_cmd_req(sa_cmd_table, fd, req, rsp);
+}
+
+long sa_dispatch_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st *rsp) {
     int bad_fd = fd < 1;
     int bad_req = req == nullptr;
     int bad_len = bad_req || req->m_len == 0;
@@ -146,7 +150,7 @@ long handle_sa_cmd_req(int fd, sa_msg_st *req, sa_msg_st *rsp) {
     p = skip_spaces(p + 2);
     if (!has_request_terminator(p)) return send_rsp_err(fd, rsp, SA_RSP_ERR_CODE);
 
-    const sa_cmd_st *cmd = sa_cmd_table;
+    const sa_cmd_st *cmd = table;
     for (; cmd->m_name != nullptr && cmd->m_name_len != 0; ++cmd) {
         if (strncasecmp(p, cmd->m_name, cmd->m_name_len) == 0) break;
     }

@@ -65,6 +65,8 @@ long send_rsp_text(int fd, sa_msg_st *rsp, const char *fmt, ...) __attribute__((
 
 // Recognises the request held in req and dispatches it; the handler's or response function's result.
 long handle_sa_cmd_req(int fd, sa_msg_st *req, sa_msg_st *rsp);
+// The same grammar over another command table (the fuzz target's recording handlers).
+long sa_dispatch_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st *rsp);
 // Body of the command thread: opens the endpoint and serves requests until the endpoint fails.
 void *sa_handle_read_cmd_loop(void *param);
 

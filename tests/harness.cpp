@@ -1,6 +1,8 @@
 // End-to-end test harness; see harness.h.
 #include "harness.h"
 
+#include "client.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -11,7 +13,6 @@
 #include <sys/wait.h>
 #include <dirent.h>
 #include <poll.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -158,27 +159,9 @@ Daemon start_daemon_with_links(const std::vector<std::string> &args) {
     return d;
 }
 
-int open_client(const std::string &path) {
-    int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct termios tio;
-    if (tcgetattr(fd, &tio) == 0) {
-        cfmakeraw(&tio);
-        tcsetattr(fd, TCSANOW, &tio);
-    }
-    return fd;
-}
+int open_client(const std::string &path) { return zv_client_open(path.c_str()); }
 
-bool write_all(int fd, const std::string &data) {
-    size_t done = 0;
-    while (done < data.size()) {
-        ssize_t n = write(fd, data.data() + done, data.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
+bool write_all(int fd, const std::string &data) { return zv_client_write_all(fd, data.data(), data.size()); }
 
 std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
                        std::chrono::milliseconds timeout) {
@@ -203,12 +186,7 @@ std::string read_for(int fd, std::chrono::milliseconds timeout) {
     return read_until(fd, [](const std::string &) { return false; }, timeout);
 }
 
-bool is_final_answer(const std::string &text) {
-    if (text.size() >= 6 && text.compare(text.size() - 6, 6, "\r\nOK\r\n") == 0) return true;
-    size_t pos = text.rfind("\r\nERROR: ");
-    return pos != std::string::npos && text.size() >= 2 && text.compare(text.size() - 2, 2, "\r\n") == 0 &&
-           text.size() > pos + 10;
-}
+bool is_final_answer(const std::string &text) { return zv_client_is_final_answer(text); }
 
 std::string cmd_request(int fd, const std::string &request, std::chrono::milliseconds timeout) {
     if (!write_all(fd, request)) return "<write failed>";
