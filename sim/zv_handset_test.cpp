@@ -1,0 +1,148 @@
+// Tests of the launcher sim/zv-handset, run from the PC: the plain run path and its options, rc files
+// installed only through --rc, and the --init path passing the command's exit status back.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "init/test_probe.h"
+
+namespace {
+
+const std::string k_launcher = ZV_LAUNCHER;
+const std::string k_build = ZV_BUILD_DIR;
+const std::string k_work = ZV_SIM_WORK;
+const std::string k_testdata = ZV_TESTDATA_DIR;
+
+// Runs the launcher's run mode with options, then "--" and command.
+probe_run Handset(const std::vector<std::string> &options, const std::vector<std::string> &command) {
+    std::vector<std::string> argv = {k_launcher, "run", "--work", k_work};
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.push_back("--");
+    argv.insert(argv.end(), command.begin(), command.end());
+    return probe_run_program(argv);
+}
+
+std::string MakeTempDir() {
+    std::string pattern = k_work + "/launcher-test.XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) return "";
+    return buf.data();
+}
+
+TEST(Launcher, PlainRunGivesCommandStatusAndHandsetLayout) {
+    probe_run r =
+        Handset({"--build", k_build},
+                {"/system/bin/sh", "-c",
+                 "test -d /dev/__properties__ && test -d /dev/socket && test -x /system/bin/setprop && "
+                 "test -x /system/bin/getprop && test -p /proc/kmsg && test \"$(pwd)\" = / && exit 3"});
+    EXPECT_EQ(3, probe_exit_code(r)) << r.m_err;
+}
+
+TEST(Launcher, RcOptionInstallsFilesUnderSystemEtcInit) {
+    std::string boot = k_testdata + "/init_boot.rc";
+    std::string ctl = k_testdata + "/init_ctl.rc";
+    probe_run r = Handset({"--rc", boot, "--rc", ctl}, {"/system/bin/ls", "/system/etc/init"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("init_boot.rc\ninit_ctl.rc\n", r.m_out);
+    r = Handset({"--rc", boot}, {"/system/bin/cat", "/system/etc/init/init_boot.rc"});
+    EXPECT_EQ(0, probe_exit_code(r));
+    EXPECT_EQ(probe_read_file(boot), r.m_out);
+}
+
+TEST(Launcher, RcOptionTakesRelativePaths) {
+    std::string dir = MakeTempDir();
+    ASSERT_FALSE(dir.empty());
+    ASSERT_TRUE(probe_write_file(dir + "/rel.rc", "service rel /system/bin/sleep 1\n"));
+    std::vector<std::string> argv = {
+        "/bin/sh",
+        "-c",
+        "cd \"$1\" && exec \"$2\" run --work \"$3\" --rc rel.rc -- /system/bin/cat /system/etc/init/rel.rc",
+        "sh",
+        dir,
+        k_launcher,
+        k_work};
+    probe_run r = probe_run_program(argv);
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("service rel /system/bin/sleep 1\n", r.m_out);
+}
+
+TEST(Launcher, StagedRcFilesAreNotInstalledButStagedProgramsAre) {
+    std::string build = MakeTempDir();
+    ASSERT_FALSE(build.empty());
+    ASSERT_EQ(0, mkdir((build + "/handset").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((build + "/handset/system").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((build + "/handset/system/bin").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((build + "/handset/system/etc").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((build + "/handset/system/etc/init").c_str(), 0755));
+    ASSERT_TRUE(
+        probe_write_file(build + "/handset/system/etc/init/auto.rc", "service auto /system/bin/sleep 1\n"));
+    ASSERT_TRUE(probe_write_file(build + "/handset/system/etc/zv.cfg", "k=v\n"));
+    ASSERT_TRUE(
+        probe_write_file(build + "/handset/system/bin/tool", "#!/system/bin/sh\necho tool ran\n", 0755));
+    probe_run r = Handset({"--build", build},
+                          {"/system/bin/sh", "-c", "ls /system/etc/init; cat /system/etc/zv.cfg; tool"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("k=v\ntool ran\n", r.m_out);
+}
+
+TEST(Launcher, RcOptionWithMissingFileIsRefused) {
+    probe_run r = Handset({"--rc", "/no/such.rc"}, {"/bin/true"});
+    EXPECT_EQ(2, probe_exit_code(r));
+    EXPECT_EQ(0u, r.m_err.find("zv-handset: --rc /no/such.rc: no such file\n")) << r.m_err;
+}
+
+TEST(Launcher, TwoRcFilesWithTheSameNameAreRefused) {
+    std::string dir = MakeTempDir();
+    ASSERT_FALSE(dir.empty());
+    ASSERT_EQ(0, mkdir((dir + "/other").c_str(), 0755));
+    ASSERT_TRUE(probe_write_file(dir + "/x.rc", "service a /system/bin/sleep 1\n"));
+    ASSERT_TRUE(probe_write_file(dir + "/other/x.rc", "service b /system/bin/sleep 1\n"));
+    probe_run r = Handset({"--rc", dir + "/x.rc", "--rc", dir + "/other/x.rc"}, {"/bin/true"});
+    EXPECT_EQ(2, probe_exit_code(r));
+    EXPECT_EQ("zv-handset: two rc files named x.rc\n", r.m_err);
+}
+
+TEST(Launcher, InitBootsServicesOfRcOptionAndPassesCommandStatus) {
+    probe_run r =
+        Handset({"--build", k_build, "--init", "--rc", k_testdata + "/init_boot.rc"},
+                {"/system/bin/sh", "-c", "getprop init.svc.sleeper; getprop init.svc.idle; exit 9"});
+    EXPECT_EQ(9, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("running\n\n", r.m_out);
+}
+
+TEST(Launcher, InitWithoutRcBootsNothing) {
+    probe_run r = Handset({"--build", k_build, "--init"}, {"getprop"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("", r.m_out);
+    EXPECT_EQ("", r.m_err);
+}
+
+TEST(Launcher, DataDirKeepsDataAcrossBoots) {
+    std::string data = MakeTempDir();
+    ASSERT_FALSE(data.empty());
+    probe_run r = Handset({"--data-dir", data}, {"/system/bin/sh", "-c", "echo kept >/data/f"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    r = Handset({"--data-dir", data}, {"/system/bin/cat", "/data/f"});
+    EXPECT_EQ(0, probe_exit_code(r));
+    EXPECT_EQ("kept\n", r.m_out);
+}
+
+TEST(Launcher, CardNoneLeavesNoCard) {
+    probe_run r = Handset({"--card", "none"},
+                          {"/system/bin/sh", "-c", "test -e /storage/real_sd && echo card; exit 0"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("", r.m_out);
+    r = Handset({}, {"/system/bin/sh", "-c", "test -d /storage/real_sd && echo card"});
+    EXPECT_EQ("card\n", r.m_out);
+}
+
+}  // namespace
