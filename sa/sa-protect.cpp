@@ -51,9 +51,10 @@ void protect_data(void) {
         // "/data/.protect/" + name, cut to the 256-byte buffer.
         char path[256];
         size_t prefix_len = strlen(SA_PROTECT_DIR);
+        size_t name_len = strnlen(last, sizeof(path) - prefix_len - 1);
         memcpy(path, SA_PROTECT_DIR, prefix_len);
-        strncpy(path + prefix_len, last, sizeof(path) - prefix_len - 1);
-        path[sizeof(path) - 1] = '\0';
+        memcpy(path + prefix_len, last, name_len);
+        path[prefix_len + name_len] = '\0';
         trace_info("scan line %s\n", path);
         if (unlink(path) != 0) {
             int err = errno;

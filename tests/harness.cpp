@@ -150,6 +150,11 @@ void prepare_data() {
     chmod("/data/local/log", 0771);
 }
 
+void switch_capture_off() {
+    write_file("/dev/__properties__/persist.sys.install.zv.log",
+               "/data/local/log,I1,0,0,I2,0,0,I3,0,0,I4,0,0,I5,0,0,I6,0,0");
+}
+
 Daemon start_daemon_with_links(const std::vector<std::string> &args) {
     prepare_data();
     write_file("/system/etc/zv-qel-sa.cfg", std::string("zv.tty.cmd=") + kCmdLink + "\n");

@@ -51,6 +51,9 @@ int find_message(const std::vector<std::string> &messages, const std::string &te
 
 // Prepares the handset's /data as its init scripts do before the daemon starts.
 void prepare_data();
+// Sets the log configuration property so that the next daemon start captures nothing (every count and
+// size 0), for tests that count the daemon's threads, children or descriptors.
+void switch_capture_off();
 
 // ---- Clients of the daemon's ptys ----
 
