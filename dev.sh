@@ -68,7 +68,9 @@ case "$cmd" in
     sim)
         install_deps
         build build
-        exec sim/zv-handset shell --build build
+        # A handset whose init boots the daemon from its own rc file and configuration.
+        exec sim/zv-handset run --build build --init --rc sa/zv-qel-sa.rc \
+            --file sa/zv-qel-sa.cfg /system/etc/zv-qel-sa.cfg -- /bin/bash "$PWD/sim/session.sh"
         ;;
     *)
         sed -n '2,9p' "$0" >&2

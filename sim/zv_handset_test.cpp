@@ -146,3 +146,36 @@ TEST(Launcher, CardNoneLeavesNoCard) {
 }
 
 }  // namespace
+
+namespace {
+
+const std::string k_source = ZV_SOURCE_DIR;
+
+TEST(Launcher, FileOptionInstallsAFileReadOnly) {
+    std::string cfg = k_source + "/sa/zv-qel-sa.cfg";
+    probe_run r = Handset({"--file", cfg, "/system/etc/zv-qel-sa.cfg"},
+                          {"/bin/sh", "-c", "cat /system/etc/zv-qel-sa.cfg && ! echo x >> /system/etc/zv-qel-sa.cfg"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ(probe_read_file(cfg), r.m_out);
+}
+
+TEST(Launcher, DataLocalExistsAtBootAsOnAHandset) {
+    probe_run r = Handset({}, {"/bin/sh", "-c", "stat -c %a /data/local /data/local/tmp"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ("771\n771\n", r.m_out);
+}
+
+// What ./dev.sh sim does without a terminal: init boots the daemon from its rc file and configuration,
+// and the scripted session talks to it through both ptys.
+TEST(Launcher, SimulatedHandsetBootsTheDaemonAndTheSessionTalksToIt) {
+    probe_run r = Handset({"--build", k_build, "--init", "--rc", k_source + "/sa/zv-qel-sa.rc", "--file",
+                           k_source + "/sa/zv-qel-sa.cfg", "/system/etc/zv-qel-sa.cfg"},
+                          {"/bin/bash", k_source + "/sim/session.sh"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("init.svc.zv-qel-sa=running")) << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("\\r\\nQUERY_SERVICE: 1\\r\\n\\r\\nOK\\r\\n")) << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("\\r\\nDMESG_LOG: 1\\r\\n\\r\\nOK\\r\\n")) << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("\nzv-handset\n")) << r.m_out;  // uname -n through a remote shell
+}
+
+}  // namespace

@@ -120,7 +120,7 @@ int main(int argc, char **argv) {
     bool shell = false;
     bool kill_daemon = false;
     int opt;
-    while ((opt = getopt(argc, argv, "l:t:skh")) != -1) {
+    while ((opt = getopt(argc, argv, "+l:t:skh")) != -1) {
         switch (opt) {
             case 'l':
                 link = optarg;
