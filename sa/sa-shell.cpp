@@ -98,8 +98,9 @@ int open_ptm(char *symname) {
             return -1;
         }
     } else {
-        strncpy(symname, devname, kSymnameRoom - 1);
-        symname[kSymnameRoom - 1] = '\0';
+        size_t len = strnlen(devname, kSymnameRoom - 1);
+        memcpy(symname, devname, len);
+        symname[len] = '\0';
         trace_info("open_ptm symname[%s]", symname);
     }
 

@@ -146,8 +146,11 @@ int find_message(const std::vector<std::string> &messages, const std::string &te
 }
 
 void prepare_data() {
+    // As the daemon's own log set-up makes it: mode 0771, owned by the shell user, so capture children
+    // (user 2000) can write their files.
     make_dirs("/data/local/log");
     chmod("/data/local/log", 0771);
+    if (chown("/data/local/log", 2000, 2000) != 0) perror("chown /data/local/log");
 }
 
 void switch_capture_off() {

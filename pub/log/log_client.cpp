@@ -15,6 +15,8 @@
 // tear them.
 #include "log/log_client.h"
 
+#include "util/util.h"
+
 #include <errno.h>
 #include <stdarg.h>
 #include <stdint.h>
@@ -69,19 +71,21 @@ struct log_at_dir_row_st {
     const char *m_idx;
 };
 
-constexpr size_t LOG_LINE_MAX = 1022;
-constexpr unsigned LOG_LEVEL_END = 0xFFFFFFFFu;
-constexpr unsigned LOG_DIR_COUNT = 8;
-constexpr const char *LOG_BIN_DIR = "/system/bin";
-constexpr const char *LOG_INVALID_PARAM = "(sfw log error: invalid param)";
-constexpr const char *LOG_RULE =
+}  // namespace
+
+static constexpr size_t LOG_LINE_MAX = 1022;
+static constexpr unsigned LOG_LEVEL_END = 0xFFFFFFFFu;
+static constexpr unsigned LOG_DIR_COUNT = 8;
+static constexpr const char *LOG_BIN_DIR = "/system/bin";
+static constexpr const char *LOG_INVALID_PARAM = "(sfw log error: invalid param)";
+static constexpr const char *LOG_RULE =
     "============================================================================================";
-constexpr const char *LOG_COLUMNS =
+static constexpr const char *LOG_COLUMNS =
     "    TIME     |   TID    |              FUNCTION              |  LINE  |    LEVEL     | INFO";
-constexpr const char *LOG_FOOTER =
+static constexpr const char *LOG_FOOTER =
     "\n========================================= log  end =========================================\n";
 
-constexpr log_level_row_st k_levels[] = {
+static constexpr log_level_row_st k_levels[] = {
     {0x001, "info        "}, {0x002, "func        "}, {0x004, "func param  "},
     {0x008, "warning     "}, {0x010, "error       "}, {0x020, "fatal error "},
     {0x040, "sys error   "}, {0x080, "IPC msg     "}, {0x100, "user msg    "},
@@ -89,7 +93,7 @@ constexpr log_level_row_st k_levels[] = {
 };
 
 // Descending code order: looked up by halving.
-constexpr log_err_row_st k_errors[] = {
+static constexpr log_err_row_st k_errors[] = {
     {0, "No error"},
     {-100, "Unknown error"},
     {-101, "Invalid parameter"},
@@ -111,21 +115,28 @@ constexpr log_err_row_st k_errors[] = {
     {-606, "mux response timeout"},
 };
 
-constexpr log_at_dir_row_st k_at_dirs[LOG_DIR_COUNT] = {
+static constexpr bool log_errors_descending() {
+    for (size_t i = 1; i < sizeof(k_errors) / sizeof(k_errors[0]); i++) {
+        if (k_errors[i - 1].m_code <= k_errors[i].m_code) return false;
+    }
+    return true;
+}
+static_assert(sizeof(k_errors) / sizeof(k_errors[0]) == 19, "error table has 19 rows");
+static_assert(log_errors_descending(), "the halving search needs descending codes");
+
+static constexpr log_at_dir_row_st k_at_dirs[LOG_DIR_COUNT] = {
     {"MUX -> ATA", "MUX idx"}, {"ATA -> MUX", "MUX idx"}, {"USR -> ATA", "PTM idx"},
     {"ATA -> USR", "PTM idx"}, {"ATA -> USR", "PTS idx"}, {"USR -> ATA", "PTS idx"},
     {"receive   ", nullptr},   {"send      ", nullptr},
 };
 
-constexpr const char *k_msg_dirs[LOG_DIR_COUNT] = {"Receive", "Send",  nullptr, nullptr,
-                                                   nullptr,   nullptr, nullptr, nullptr};
+static constexpr const char *k_msg_dirs[LOG_DIR_COUNT] = {"Receive", "Send",  nullptr, nullptr,
+                                                          nullptr,   nullptr, nullptr, nullptr};
 
-sfw_log_module_st g_log_module = {"/data/local/log", 0, 102400, 0, 0, nullptr};
-thread_local sfw_log_thread_st g_log_thread = {nullptr, nullptr};
-pthread_once_t g_log_atfork_once = PTHREAD_ONCE_INIT;
-int g_log_fork_locked;
-
-}  // namespace
+static sfw_log_module_st g_log_module = {"/data/local/log", 0, 102400, 0, 0, nullptr};
+static thread_local sfw_log_thread_st g_log_thread = {nullptr, nullptr};
+static pthread_once_t g_log_atfork_once = PTHREAD_ONCE_INIT;
+static int g_log_fork_locked;
 
 static int log_is_started(const sfw_log_obj *obj) {
     return __atomic_load_n(&obj->m_started, __ATOMIC_ACQUIRE);
@@ -145,6 +156,18 @@ static void log_store(unsigned *p, unsigned value) {
 
 static FILE *log_internal_fp() {
     return __atomic_load_n(&g_log_module.m_internal_fp, __ATOMIC_ACQUIRE);
+}
+
+static const char *log_err_text(long err);
+
+// Faults of the client's own code: an invalid argument, or a write with no open log file.
+static void log_fault_invalid_param(const char *func, int line) {
+    log_internal_error(log_internal_fp(), "%s -> %s -> %d -> %d - %s.\n", LOG_SRC, func, line,
+                       static_cast<int>(ERR_INVALID_PARAM), log_err_text(ERR_INVALID_PARAM));
+}
+
+static void log_fault_no_stream(const char *file, const char *func, int line) {
+    log_internal_error(log_internal_fp(), "%s -> %s -> %d -> assert(log_obj.m_fp).\n", file, func, line);
 }
 
 static const char *log_err_text(long err) {
@@ -267,8 +290,7 @@ static void log_local_now(struct tm *tm, long *ms) {
 static void log_write_locked(sfw_log_obj *obj, const char *text, const char *file, const char *func,
                              unsigned line) {
     if (obj->m_fp == nullptr) {
-        log_internal_error(log_internal_fp(), "%s -> %s -> %d -> assert(log_obj.m_fp).\n", file, func,
-                           static_cast<int>(line));
+        log_fault_no_stream(file, func, static_cast<int>(line));
         return;
     }
     unsigned written = log_load(&g_log_module.m_written);
@@ -469,14 +491,13 @@ static void log_build_body(log_line_st *l, unsigned level, long err, unsigned di
 // Name of the running process (argv[0] after its last "/"); 0, -100 or -101.
 int get_process_name(char *dst, unsigned size) {
     if (dst == nullptr || size == 0) {
-        log_internal_error(log_internal_fp(), "%s -> %s -> %d -> %d - %s.\n", LOG_SRC, __func__, __LINE__,
-                           static_cast<int>(ERR_INVALID_PARAM), log_err_text(ERR_INVALID_PARAM));
+        log_fault_invalid_param(__func__, __LINE__);
         return static_cast<int>(ERR_INVALID_PARAM);
     }
     char path[64];
     snprintf(path, sizeof(path), "/proc/%d/cmdline", static_cast<int>(getpid()));
-    FILE *fp = fopen(path, "re");
-    if (fp == nullptr) {
+    pub_util_unique_file fp(fopen(path, "re"));
+    if (!fp.ok()) {
         int e = errno;
         log_internal_error(log_internal_fp(), "%s -> %s -> %d -> open \"%s\" fail: %d - %s.\n", LOG_SRC,
                            __func__, __LINE__, path, e, strerror(e));
@@ -485,9 +506,9 @@ int get_process_name(char *dst, unsigned size) {
     char cmd[100];
     size_t n = 0;
     int c;
-    while (n < sizeof(cmd) - 1 && (c = fgetc(fp)) != EOF && c != '\n') cmd[n++] = static_cast<char>(c);
+    while (n < sizeof(cmd) - 1 && (c = fgetc(fp.get())) != EOF && c != '\n') cmd[n++] = static_cast<char>(c);
     cmd[n] = '\0';
-    fclose(fp);
+    fp.reset();
     size_t text_len = strlen(cmd);
     if (text_len > 0 && cmd[text_len - 1] == '/') {
         log_internal_error(log_internal_fp(), "%s -> %s -> %d -> can not get valid name from \"%s\".\n",
@@ -575,13 +596,11 @@ long sfw_log_mark_position(void) {
     long pos = -1;
     int was_held = g_log_thread.m_held_obj == &log_obj;
     if (!log_acquire(&log_obj)) {
-        log_internal_error(log_internal_fp(), "%s -> %s -> %d -> assert(log_obj.m_fp).\n", LOG_SRC, __func__,
-                           __LINE__);
+        log_fault_no_stream(LOG_SRC, __func__, __LINE__);
         return pos;
     }
     if (log_obj.m_fp == nullptr) {
-        log_internal_error(log_internal_fp(), "%s -> %s -> %d -> assert(log_obj.m_fp).\n", LOG_SRC, __func__,
-                           __LINE__);
+        log_fault_no_stream(LOG_SRC, __func__, __LINE__);
     } else {
         pos = ftell(log_obj.m_fp);
         if (pos >= 0) log_store(&g_log_module.m_wrap_pos, static_cast<unsigned>(pos));
@@ -659,8 +678,7 @@ void sfw_log_lock(sfw_log_obj *obj) {
 void sfw_log_build_extended_info(const char *fmt, ...) {
     sfw_log_obj *obj = g_log_thread.m_cur_obj;
     if (obj == nullptr) {
-        log_internal_error(log_internal_fp(), "%s -> %s -> %d -> %d - %s.\n", LOG_SRC, __func__, __LINE__,
-                           static_cast<int>(ERR_INVALID_PARAM), log_err_text(ERR_INVALID_PARAM));
+        log_fault_invalid_param(__func__, __LINE__);
         return;
     }
     // A lock on an object that is not started takes nothing: there is no record to attach a text to.
