@@ -1,0 +1,122 @@
+// Records per second of the structured log client against the floor it is built on: one fputs and one
+// fflush of a line of the same length. Both write to /data of a simulated handset, both keep their file
+// under the same size by rewinding (the client's ring, with the daemon's 100 KiB limit; the baseline
+// rewinds at the same size), so the difference is the record's formatting, the mutex and the clock.
+// For comparison, the rate of lines of the daemon's flat trace file sa.log is measured in the same run.
+//
+// Run inside a handset: sim/zv-handset run --build BUILD -- BUILD/bench/zv-bench-log-client
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "bench-util.h"
+#include "log/log_client.h"
+#include "sa-trace.h"
+
+static constexpr char kName[] = "log client records/s";
+static constexpr char kLogDir[] = "/data/local/log/zv-qel-sa";
+static constexpr char kBaselineFile[] = "/data/local/log/bench-baseline.log";
+// The daemon's limit of its structured log after start-up.
+static constexpr unsigned kMaxSize = 102400;
+
+// One record as the daemon's trace_info makes it.
+static void log_one_record(int value) {
+    sfw_log_lock(nullptr);
+    sfw_log_build_extended_info("handle_sa_query_service_set process_name[%s] is_running[%d]", "zv-qel-sa",
+                                value);
+    sfw_log_full(nullptr, "zv-qel-sa", SFW_LOG_INFO, "sa/sa-service", 123, "handle_sa_query_service_set", 0,
+                 SFW_LOG_DIR_NONE, nullptr, 0, 0, nullptr, nullptr);
+}
+
+static long g_record_len;
+
+static void BM_LogClientRecord(benchmark::State &state) {
+    int value = 0;
+    for (auto _ : state) {
+        log_one_record(value);
+        value = (value + 1) % 10;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+static void BM_FputsFflushSameLength(benchmark::State &state) {
+    FILE *fp = fopen(kBaselineFile, "we");
+    if (fp == nullptr) {
+        state.SkipWithError("cannot open the baseline file");
+        return;
+    }
+    std::string line(static_cast<size_t>(g_record_len - 1), 'x');
+    line += '\n';
+    unsigned written = 0;
+    for (auto _ : state) {
+        if (written > kMaxSize) {
+            fseek(fp, 0, SEEK_SET);
+            written = 0;
+        }
+        fputs(line.c_str(), fp);
+        fflush(fp);
+        written += static_cast<unsigned>(line.size());
+    }
+    fclose(fp);
+    state.SetItemsProcessed(state.iterations());
+}
+
+// For comparison only: one line of the daemon's flat trace file sa.log, which is opened, appended and
+// closed for every line. A command costs the daemon several of both kinds.
+static void BM_SaTraceFileLine(benchmark::State &state) {
+    int value = 0;
+    for (auto _ : state) {
+        sa_trace_file_line("handle_sa_query_service_set", "service[%s] sa_err[%d]", "zv-qel-sa", value);
+        value = (value + 1) % 10;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+// Rates are taken from wall time: the writes of both are what the handset waits for.
+BENCHMARK(BM_LogClientRecord)->UseRealTime();
+BENCHMARK(BM_FputsFflushSameLength)->UseRealTime();
+BENCHMARK(BM_SaTraceFileLine)->UseRealTime();
+
+int main(int argc, char **argv) {
+    mkdir("/data/local", 0771);
+    mkdir("/data/local/log", 0771);
+    update_sa_logs();
+    sfw_log_set_path(kLogDir);
+    sfw_log_start(1, nullptr);
+    if (log_obj.m_fp == nullptr) {
+        bench_fail(kName, "the log client did not open its file under %s", kLogDir);
+        return 1;
+    }
+    // The length of one record, measured on the file itself.
+    long before = ftell(log_obj.m_fp);
+    log_one_record(0);
+    g_record_len = ftell(log_obj.m_fp) - before;
+    if (g_record_len < 2) {
+        bench_fail(kName, "no record was written");
+        return 1;
+    }
+    printf("one record: %ld bytes\n", g_record_len);
+    sfw_log_set_max_size(kMaxSize);
+    sfw_log_mark_position();
+
+    std::vector<bench_run_st> runs = bench_run_registered(
+        argc, argv, {"--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true"});
+    sfw_log_stop(nullptr);
+
+    double client = bench_median(bench_counters_of(runs, "BM_LogClientRecord", "items_per_second"));
+    double raw = bench_median(bench_counters_of(runs, "BM_FputsFflushSameLength", "items_per_second"));
+    if (client <= 0 || raw <= 0) {
+        bench_fail(kName, "a benchmark did not run");
+        return 1;
+    }
+    double ratio = client / raw;
+    bench_result(kName, bench_fmt("%.0f rec/s", client), bench_fmt("%.0f lines/s (fputs+fflush)", raw), ratio,
+                 ">= 0.80", ratio >= 0.8);
+    double sa_lines = bench_median(bench_counters_of(runs, "BM_SaTraceFileLine", "items_per_second"));
+    if (sa_lines > 0)
+        bench_result_info("sa.log lines/s (comparison)", bench_fmt("%.0f lines/s", sa_lines),
+                          bench_fmt("%.0f lines/s (fputs+fflush)", raw));
+    return 0;
+}

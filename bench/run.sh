@@ -1,0 +1,82 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in a Release build folder, runs each one in a fresh simulated handset, and
+# prints a table of the results (Markdown, ready for docs/performance.md).
+#
+# Usage: bench/run.sh [--build DIR] [--no-build] [--only NAME]
+#   --build DIR   build folder (default: build-bench beside this script's folder); configured as a
+#                 Release build with Ninja when it has no CMakeCache.txt yet
+#   --no-build    run what is already built
+#   --only NAME   run one benchmark: cmd-roundtrip, proc-lookup, log-client, kmsg-copy or footprint
+# Each benchmark's full output goes to DIR/bench-results/NAME.txt. Exit status: 0 when every benchmark
+# ran (whether or not it met its goal), 1 when one failed to run.
+set -euo pipefail
+
+self_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+src_dir=$(dirname "$self_dir")
+build="$src_dir/build-bench"
+do_build=1
+only=""
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --build) build=$2; shift 2 ;;
+        --no-build) do_build=0; shift ;;
+        --only) only=$2; shift 2 ;;
+        *) sed -n '2,/^set -euo/p' "${BASH_SOURCE[0]}" | sed -e '$d' -e 's/^# \{0,1\}//' >&2; exit 2 ;;
+    esac
+done
+
+if [ "$do_build" = 1 ]; then
+    if [ ! -f "$build/CMakeCache.txt" ]; then
+        cmake -S "$src_dir" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
+    fi
+    cmake --build "$build" -j2 --target zv-bench
+fi
+build=$(cd "$build" && pwd)
+if ! grep -q '^CMAKE_BUILD_TYPE:STRING=Release$' "$build/CMakeCache.txt"; then
+    echo "run.sh: warning: $build is not a Release build; figures are not comparable" >&2
+fi
+
+results="$build/bench-results"
+mkdir -p "$results"
+benches=(cmd-roundtrip proc-lookup log-client kmsg-copy footprint)
+[ -n "$only" ] && benches=("$only")
+
+load() { cut -d' ' -f1-3 /proc/loadavg; }
+echo "machine: $(nproc) cores, $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ *//')"
+echo "commit:  $(git -C "$src_dir" rev-parse --short HEAD 2>/dev/null || echo unknown)$(
+    [ -n "$(git -C "$src_dir" status --porcelain 2>/dev/null | head -1)" ] && echo ' (with uncommitted changes)')"
+echo "started: $(date -u '+%Y-%m-%d %H:%M:%S UTC'), load average $(load)"
+
+failed=0
+for name in "${benches[@]}"; do
+    prog="$build/bench/zv-bench-$name"
+    if [ ! -x "$prog" ]; then
+        echo "run.sh: $prog is not built" >&2
+        failed=1
+        continue
+    fi
+    echo "running $name ..." >&2
+    if ! "$src_dir/sim/zv-handset" run --build "$build" -- "$prog" >"$results/$name.txt" 2>&1; then
+        echo "run.sh: $name failed; see $results/$name.txt" >&2
+        failed=1
+    fi
+done
+echo "ended:   $(date -u '+%Y-%m-%d %H:%M:%S UTC'), load average $(load)"
+echo
+
+echo "| Benchmark | Project | Baseline / reference | Ratio | Goal | Verdict |"
+echo "|---|---|---|---|---|---|"
+for name in "${benches[@]}"; do
+    [ -f "$results/$name.txt" ] || continue
+    grep '^RESULT' "$results/$name.txt" |
+        awk -F'\t' '{ printf "| %s | %s | %s | %s | %s | %s |\n", $2, $3, $4, $5, $6, $7 }'
+    grep -q '^RESULT' "$results/$name.txt" || echo "| $name | - | - | - | - | FAILED (no result) |"
+done
+echo
+echo "Details:"
+for name in "${benches[@]}"; do
+    [ -f "$results/$name.txt" ] || continue
+    grep -E '^(one record|processes in the handset|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE:|pair +[0-9]+:)' \
+        "$results/$name.txt" | sed 's/^/    /' || true
+done
+exit "$failed"
