@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     memcpy(req.m_data_a, data, n);
     req.m_len = static_cast<uint16_t>(n);
     g_current_req = &req;
-    sa_dispatch_cmd_req(kRecordingTable, out_fd, &req, &rsp);
+    handle_sa_cmd_req(kRecordingTable, out_fd, &req, &rsp);
     if (rsp.m_len > sizeof(rsp.m_data_a) - 1 || rsp.m_data_a[sizeof(rsp.m_data_a) - 1] != '\0') abort();
     return 0;
 }

@@ -16,6 +16,7 @@
 #include "sa-handle.h"
 #include "sa-listener.h"
 #include "sa-protect.h"
+#include "sa-signal.h"
 #include "sa-trace.h"
 #include "sa-util.h"
 #include "util/util.h"
@@ -96,12 +97,8 @@ int main(int argc, char **argv) {
 
     pub_util_create_pid_file(SA_MODULE_NAME);
 
-    // integration: signal handlers (SIGINT, SIGTERM, SIGSEGV, SIGBUS, SIGUSR2)
-    {
-        // Declared in sa-signal.h.
-        extern long sa_signal_install(void);
-        sa_signal_install();
-    }
+    // SIGINT, SIGTERM, SIGSEGV, SIGBUS and SIGUSR2 end the daemon (SIGUSR2 through init).
+    sa_signal_install();
 
     protect_data();
 
@@ -126,11 +123,6 @@ int main(int argc, char **argv) {
 
     trace_info("main sa_deinit_resource");
     trace_file("exit");
-    // integration: shutdown (sa_deinit_resource)
-    {
-        // Declared in sa-signal.h.
-        extern long sa_deinit_resource(void);
-        sa_deinit_resource();
-    }
+    sa_deinit_resource();
     return static_cast<int>(ret_val);
 }

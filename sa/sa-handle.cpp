@@ -17,6 +17,8 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "sa-autostart.h"
+#include "sa-capture.h"
 #include "sa-cfg.h"
 #include "sa-trace.h"
 #include "util/util.h"
@@ -29,20 +31,16 @@ static constexpr size_t kMsgRoom = sizeof(sa_msg_st::m_data_a) - 1;
 static constexpr unsigned kRspLogDir = 3;
 
 const sa_cmd_st sa_cmd_table[] = {
-    // integration: rows 0-3 (service control)
     {"+START_SERVICE", 14, handle_sa_start_service_set, nullptr, nullptr},
     {"+STOP_SERVICE", 13, handle_sa_stop_service_set, nullptr, nullptr},
     {"+QUERY_SERVICE", 14, handle_sa_query_service_set, nullptr, nullptr},
     {"+AUTO_START_SERVICE", 19, handle_sa_auto_start_service_set, nullptr, nullptr},
-    // integration: row 4 (log archive)
-    {"+SAVE_LOG", 9, nullptr, nullptr, nullptr},
+    {"+SAVE_LOG", 9, handle_sa_save_log_set, nullptr, nullptr},
     {"+SYSTEM", 7, handle_sa_system_set, nullptr, nullptr},
-    // integration: rows 6-8 (log switches, packet capture)
     {"+KERNEL_LOG", 11, handle_sa_kernel_log_set, handle_sa_kernel_log_read, nullptr},
     {"+DMESG_LOG", 10, handle_sa_dmesg_log_set, handle_sa_dmesg_log_read, nullptr},
     {"+DATA_PACKETS_LOG", 17, handle_sa_packets_log_set, nullptr, nullptr},
-    // integration: row 9 (log archive)
-    {"+DELETE_LOG", 11, nullptr, nullptr, nullptr},
+    {"+DELETE_LOG", 11, handle_sa_delete_log_set, nullptr, nullptr},
     {nullptr, 0, nullptr, nullptr, nullptr},
 };
 
@@ -122,15 +120,11 @@ static bool has_request_terminator(const char *p) {
     return false;
 }
 
-long handle_sa_cmd_req(int fd, sa_msg_st *req, sa_msg_st *rsp) {
-    return sa_dispatch_cmd_req(sa_cmd_table, fd, req, rsp);
-}
-
-long sa_dispatch_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st *rsp) {
+long handle_sa_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st *rsp) {
     int bad_fd = fd < 1;
     int bad_req = req == nullptr;
     int bad_len = bad_req || req->m_len == 0;
-    int bad_rsp = rsp == nullptr;
+    int bad_rsp = rsp == nullptr || table == nullptr;
     if (bad_fd || bad_req || bad_len || bad_rsp) {
         trace_info("%d, %d, %d, %d", bad_fd, bad_req, bad_len, bad_rsp);
         return ERR_INVALID_PARAM;
@@ -206,7 +200,7 @@ void *sa_handle_read_cmd_loop(void *param) {
 
         if (read_len > 0) {
             req->m_len = static_cast<uint16_t>(req->m_len + read_len);
-            long req_ret = handle_sa_cmd_req(pty->m_ptm_fd, req, rsp);
+            long req_ret = handle_sa_cmd_req(sa_cmd_table, pty->m_ptm_fd, req, rsp);
             trace_info("sa_handle_read_cmd_loop handle_sa_cmd_req(%s) ret_val[%ld]", req->m_data_a, req_ret);
             trace_file("req[%s] ret_val[%ld]", req->m_data_a, req_ret);
             if (req_ret == 0) memset(req, 0, sizeof(*req));
@@ -313,16 +307,10 @@ static void sa_preserve_panic_dumps(void) {
 long sa_handle_init(void) {
     trace_func();
 
-    // integration: auto-start list (read, then run)
-    {
-        // Declared in sa-autostart.h.
-        extern long auto_start_service_list_read(void);
-        extern long auto_start_service_list_run(void);
-        long list_ret = auto_start_service_list_read();
-        trace_info("sa_handle_init auto_start_service_list_read ret_val[%ld]", list_ret);
-        list_ret = auto_start_service_list_run();
-        trace_info("sa_handle_init auto_start_service_list_run ret_val[%ld]", list_ret);
-    }
+    long list_ret = auto_start_service_list_read();
+    trace_info("sa_handle_init auto_start_service_list_read ret_val[%ld]", list_ret);
+    list_ret = auto_start_service_list_run();
+    trace_info("sa_handle_init auto_start_service_list_run ret_val[%ld]", list_ret);
 
     sa_handle_ctx_st *ctx = &g_sa_handle_ctx;
     memset(ctx, 0, sizeof(*ctx));
@@ -330,13 +318,8 @@ long sa_handle_init(void) {
     trace_info("sa_handle_init m_pts_mapping_name_a[%s]", ctx->m_pty.m_pts_mapping_name_a);
     trace_file("m_pts_mapping_name_a[%s]", ctx->m_pty.m_pts_mapping_name_a);
 
-    // integration: capture start when the free-space guard allows
-    {
-        // Declared in sa-capture.h.
-        extern long sa_is_can_start_log_service(void);
-        extern long start_log_service(void);
-        if (sa_is_can_start_log_service() == 0) start_log_service();
-    }
+    // Capture runs only while /data has room for it.
+    if (sa_is_can_start_log_service() == 0) start_log_service();
 
     pthread_attr_t attr;
     pthread_attr_init(&attr);

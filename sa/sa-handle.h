@@ -63,10 +63,9 @@ long send_rsp_err(int fd, sa_msg_st *rsp, uint32_t code);
 // Answers text (formatted, at most 199 characters) followed by nothing else; send_rsp's result.
 long send_rsp_text(int fd, sa_msg_st *rsp, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
-// Recognises the request held in req and dispatches it; the handler's or response function's result.
-long handle_sa_cmd_req(int fd, sa_msg_st *req, sa_msg_st *rsp);
-// The same grammar over another command table (the fuzz target's recording handlers).
-long sa_dispatch_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st *rsp);
+// Recognises the request held in req and dispatches it through table (sa_cmd_table; the fuzz target
+// passes recording handlers); the handler's or response function's result.
+long handle_sa_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st *rsp);
 // Body of the command thread: opens the endpoint and serves requests until the endpoint fails.
 void *sa_handle_read_cmd_loop(void *param);
 
