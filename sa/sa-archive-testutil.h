@@ -1,0 +1,163 @@
+// Helpers shared by the tests of the log archive, unit and end-to-end alike (the end-to-end tests include
+// this header by its path): the save folder name for a time, folder listings, files with their folders,
+// filling a file system, and the handler argument check seen from a caller. Plain C++ and POSIX only.
+#ifndef ZV_SA_SA_ARCHIVE_TESTUTIL_H
+#define ZV_SA_SA_ARCHIVE_TESTUTIL_H
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace archive_test {
+
+constexpr char kSaveRoot[] = "/storage/real_sd/logs";
+
+// Number of places where needle occurs in text, not overlapping.
+inline size_t count_in(const std::string &text, const std::string &needle) {
+    size_t n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos;
+         pos = text.find(needle, pos + needle.size()))
+        ++n;
+    return n;
+}
+
+// The save folder for a calendar time, named from the local time as the save names it.
+inline std::string save_folder_for(time_t t) {
+    struct tm local;
+    localtime_r(&t, &local);
+    char name[64];
+    strftime(name, sizeof(name), "%Y_%m_%d_%H_%M_%S", &local);
+    return std::string(kSaveRoot) + "/" + name;
+}
+
+// Whether folder is the save folder of some second from first to last.
+inline bool is_save_folder_between(const std::string &folder, time_t first, time_t last) {
+    for (time_t t = first; t <= last; ++t)
+        if (folder == save_folder_for(t)) return true;
+    return false;
+}
+
+// Entries of a folder other than "." and "..", sorted.
+inline std::vector<std::string> dir_entries(const std::string &path) {
+    std::vector<std::string> out;
+    DIR *dir = opendir(path.c_str());
+    if (dir == nullptr) return out;
+    while (dirent *d = readdir(dir)) {
+        std::string name = d->d_name;
+        if (name != "." && name != "..") out.push_back(name);
+    }
+    closedir(dir);
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// The one save folder on the card, or "" when there is none or more than one.
+inline std::string only_save_folder() {
+    std::vector<std::string> folders = dir_entries(kSaveRoot);
+    return folders.size() == 1 ? std::string(kSaveRoot) + "/" + folders[0] : "";
+}
+
+// Regular files directly in dir whose content holds text, sorted.
+inline std::vector<std::string> files_containing(const std::string &dir, const std::string &text) {
+    std::vector<std::string> out;
+    for (const std::string &name : dir_entries(dir)) {
+        std::string path = dir + "/" + name;
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+        std::ifstream in(path, std::ios::binary);
+        std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (content.find(text) != std::string::npos) out.push_back(path);
+    }
+    return out;
+}
+
+// Writes a file, making every missing folder above it first.
+inline void put_file(const std::string &path, const std::string &text) {
+    for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1))
+        mkdir(path.substr(0, pos).c_str(), 0755);
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// Fills the file system of dir with the file dir/filler until not one more byte fits; true when it is full.
+inline bool fill_file_system(const std::string &dir) {
+    std::string filler = dir + "/filler";
+    int fd = open(filler.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    static char block[65536];
+    while (write(fd, block, sizeof(block)) > 0) {
+    }
+    while (write(fd, block, 1) > 0) {
+    }
+    close(fd);
+    struct statfs st;
+    return statfs(dir.c_str(), &st) == 0 && st.f_bavail == 0;
+}
+
+// Grows the filler file until only free_kb KB of /data are left for ordinary users; true when done.
+inline bool leave_data_available_kb(uint64_t free_kb) {
+    struct statfs st;
+    if (statfs("/data", &st) != 0) return false;
+    uint64_t avail = static_cast<uint64_t>(st.f_bavail) * st.f_bsize;
+    if (avail <= free_kb * 1024) return false;
+    int fd = open("/data/filler", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    bool ok = posix_fallocate(fd, 0, static_cast<off_t>(avail - free_kb * 1024)) == 0;
+    close(fd);
+    return ok;
+}
+
+// Calls a command handler with each bad argument in turn (fd 0, no request, an empty request, no
+// response, no parameter) for the request text; returns the five results and, last, the bytes that
+// reached the channel (there must be none).
+template <typename Msg, typename Handler>
+std::vector<std::string> call_with_bad_arguments(Handler handler, const char *request) {
+    std::vector<std::string> out;
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return out;
+    Msg req;
+    Msg rsp;
+    memset(&req, 0, sizeof(req));
+    memset(&rsp, 0, sizeof(rsp));
+    snprintf(req.m_data_a, sizeof(req.m_data_a), "%s\r", request);
+    req.m_len = static_cast<uint16_t>(strlen(req.m_data_a));
+    const char *param = req.m_data_a + strlen(request);
+    Msg empty = req;
+    empty.m_len = 0;
+
+    out.push_back(std::to_string(handler(0, &req, &rsp, param)));
+    out.push_back(std::to_string(handler(fds[1], nullptr, &rsp, param)));
+    out.push_back(std::to_string(handler(fds[1], &empty, &rsp, param)));
+    out.push_back(std::to_string(handler(fds[1], &req, nullptr, param)));
+    out.push_back(std::to_string(handler(fds[1], &req, &rsp, nullptr)));
+
+    std::string answered;
+    char buf[64];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof(buf))) > 0) answered.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    close(fds[1]);
+    out.push_back(answered);
+    return out;
+}
+
+// The flag lines the argument check traces for those five calls, in the same order.
+inline std::vector<std::string> bad_argument_traces() {
+    return {"1, 0, 0, 0, 0", "0, 1, 1, 0, 0", "0, 0, 1, 0, 0", "0, 0, 0, 1, 0", "0, 0, 0, 0, 1"};
+}
+
+}  // namespace archive_test
+
+#endif  // ZV_SA_SA_ARCHIVE_TESTUTIL_H
