@@ -34,13 +34,8 @@ class CmdTest : public ::testing::Test {
         if (fd_ >= 0) close(fd_);
         kill_and_reap(daemon_.pid);
     }
-    // Number of log client records whose text contains needle.
-    static int CountInLog(const std::string &needle) {
-        std::string log = read_file(kLogClientFile);
-        int n = 0;
-        for (size_t pos = log.find(needle); pos != std::string::npos; pos = log.find(needle, pos + 1)) ++n;
-        return n;
-    }
+    // Number of times needle occurs in the log client's file.
+    static int CountInLog(const std::string &needle) { return count_in_file(kLogClientFile, needle); }
     Daemon daemon_;
     int fd_ = -1;
 };

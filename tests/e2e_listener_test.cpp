@@ -72,12 +72,7 @@ class ListenerTest : public ::testing::Test {
         if (closed != nullptr) *closed = false;
         return got;
     }
-    static int CountInLog(const std::string &needle) {
-        std::string log = read_file(kLogClientFile);
-        int n = 0;
-        for (size_t pos = log.find(needle); pos != std::string::npos; pos = log.find(needle, pos + 1)) ++n;
-        return n;
-    }
+    static int CountInLog(const std::string &needle) { return count_in_file(kLogClientFile, needle); }
     Daemon daemon_;
     int listener_ = -1;
 };

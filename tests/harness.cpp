@@ -125,6 +125,13 @@ std::vector<std::string> read_lines(const std::string &path) {
     return lines;
 }
 
+int count_in_file(const std::string &path, const std::string &needle) {
+    std::string text = read_file(path);
+    int n = 0;
+    for (size_t pos = text.find(needle); pos != std::string::npos; pos = text.find(needle, pos + 1)) ++n;
+    return n;
+}
+
 std::vector<std::string> sa_log_messages(const std::string &path) {
     std::vector<std::string> out;
     for (const auto &line : read_lines(path)) {

@@ -42,6 +42,8 @@ void write_file(const std::string &path, const std::string &content, int mode = 
 // Creates every missing folder of path.
 void make_dirs(const std::string &path);
 std::vector<std::string> read_lines(const std::string &path);
+// How often needle occurs in the file at path (0 when it cannot be read).
+int count_in_file(const std::string &path, const std::string &needle);
 
 // The messages of sa.log: each line with its "[MM-DD hh:mm:ss.mmm]" prefix removed, so that
 // "func message" remains. Lines that lack the prefix are returned unchanged.

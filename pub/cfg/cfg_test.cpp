@@ -1,6 +1,7 @@
 // Tests of the configuration line reader and key/value splitter, on real files under the handset's
 // private /tmp.
 #include "cfg/cfg.h"
+#include "log/log_testutil.h"
 
 #include <fcntl.h>
 #include <stdio.h>
@@ -43,42 +44,6 @@ chunk next_chunk(FILE *fp, int size = 100) {
     return c;
 }
 
-// Starts the process-wide log client (its file lands under /data/local/log in the handset).
-void start_log() {
-    sfw_log_start(1, nullptr);
-}
-
-// Everything written to the log file so far.
-std::string log_text() {
-    if (log_obj.m_fp == nullptr) return "<no log>";
-    fflush(log_obj.m_fp);
-    // The log's own stream is write-only: read the same file through a second descriptor.
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", fileno(log_obj.m_fp));
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return "<unreadable log>";
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return out;
-}
-
-// The first log line that contains text, without its newline; "" when there is none.
-std::string log_line_with(const std::string &text) {
-    const std::string all = log_text();
-    size_t at = all.find(text);
-    if (at == std::string::npos) return "";
-    size_t begin = all.rfind('\n', at);
-    begin = begin == std::string::npos ? 0 : begin + 1;
-    size_t end = all.find('\n', at);
-    return all.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
-}
-
-[[maybe_unused]] bool ends_with(const std::string &s, const std::string &tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 // ---- line reader ----
 

@@ -2,6 +2,7 @@
 // private /dev and devpts instance, so the links are made under the real /dev and a client opens the
 // published path exactly as the modem-side tool does.
 #include "pty/pty.h"
+#include "log/log_testutil.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -93,42 +94,6 @@ std::string read_for(int fd, size_t want) {
     return out;
 }
 
-// Starts the process-wide log client (its file lands under /data/local/log in the handset).
-void start_log() {
-    sfw_log_start(1, nullptr);
-}
-
-// Everything written to the log file so far.
-std::string log_text() {
-    if (log_obj.m_fp == nullptr) return "<no log>";
-    fflush(log_obj.m_fp);
-    // The log's own stream is write-only: read the same file through a second descriptor.
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", fileno(log_obj.m_fp));
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return "<unreadable log>";
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return out;
-}
-
-// The first log line that contains text, without its newline; "" when there is none.
-std::string log_line_with(const std::string &text) {
-    const std::string all = log_text();
-    size_t at = all.find(text);
-    if (at == std::string::npos) return "";
-    size_t begin = all.rfind('\n', at);
-    begin = begin == std::string::npos ? 0 : begin + 1;
-    size_t end = all.find('\n', at);
-    return all.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
-}
-
-bool ends_with(const std::string &s, const std::string &tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 bool write_text(int fd, const std::string &text) {
     return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());

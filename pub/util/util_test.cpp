@@ -1,6 +1,7 @@
 // Tests of the process and thread utilities: signal names, descriptor mode, thread stop, pid file and
 // the move-only owners. Each test case runs in its own simulated handset, so /tmp is private.
 #include "util/util.h"
+#include "log/log_testutil.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -61,42 +62,6 @@ std::string read_file(const char *path) {
     return out;
 }
 
-// Starts the process-wide log client (its file lands under /data/local/log in the handset).
-void start_log() {
-    sfw_log_start(1, nullptr);
-}
-
-// Everything written to the log file so far.
-std::string log_text() {
-    if (log_obj.m_fp == nullptr) return "<no log>";
-    fflush(log_obj.m_fp);
-    // The log's own stream is write-only: read the same file through a second descriptor.
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/self/fd/%d", fileno(log_obj.m_fp));
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return "<unreadable log>";
-    std::string out;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-    close(fd);
-    return out;
-}
-
-// The first log line that contains text, without its newline; "" when there is none.
-std::string log_line_with(const std::string &text) {
-    const std::string all = log_text();
-    size_t at = all.find(text);
-    if (at == std::string::npos) return "";
-    size_t begin = all.rfind('\n', at);
-    begin = begin == std::string::npos ? 0 : begin + 1;
-    size_t end = all.find('\n', at);
-    return all.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
-}
-
-bool ends_with(const std::string &s, const std::string &tail) {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
-}
 
 // ---- signal names ----
 
