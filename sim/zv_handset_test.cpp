@@ -178,4 +178,23 @@ TEST(Launcher, SimulatedHandsetBootsTheDaemonAndTheSessionTalksToIt) {
     EXPECT_NE(std::string::npos, r.m_out.find("\nzv-handset\n")) << r.m_out;  // uname -n through a remote shell
 }
 
+// The handset's boot script makes /data/local/log for the shell user, so the daemon's capture children
+// can write there: after boot the capture files appear and grow.
+TEST(Launcher, BootedHandsetCapturesLogsIntoGrowingFiles) {
+    probe_run r = Handset(
+        {"--build", k_build, "--init", "--rc", k_source + "/sa/zv-qel-sa.rc", "--file",
+         k_source + "/sa/zv-qel-sa.cfg", "/system/etc/zv-qel-sa.cfg"},
+        {"/bin/bash", "-c",
+         "stat -c '%a %u %g' /data/local/log; "
+         "for i in $(seq 200); do [ -s /data/local/log/logcat.log ] && break; sleep 0.05; done; "
+         "a=$(stat -c %s /data/local/log/logcat.log); "
+         "for i in $(seq 200); do [ $(stat -c %s /data/local/log/logcat.log) -gt $a ] && echo grew && break; "
+         "sleep 0.05; done; ls /data/local/log"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ(0u, r.m_out.find("771 2000 2000\n")) << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("grew\n")) << r.m_out;
+    for (const char *file : {"logcat.log", "logcat-events.log", "logcat-radio.log", "kmsg.log", "ipdata.pcap0"})
+        EXPECT_NE(std::string::npos, r.m_out.find(file)) << file << "\n" << r.m_out;
+}
+
 }  // namespace

@@ -97,6 +97,17 @@ TEST_F(CoreTest, SecondStartIsRefusedWhileOneRuns) {
     kill_and_reap(other);
 }
 
+TEST_F(CoreTest, SecondStartOfTheRealDaemonIsRefused) {
+    StartAndWaitStartedUp();
+    Daemon second = start_daemon();
+    int status = wait_exit(second.pid, 20s);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_NE(std::string::npos, read_file(kDaemonOut).find("zv-qel-sa already run.\n"));
+    EXPECT_EQ(0, kill(daemon_.pid, 0));  // the first one goes on
+    EXPECT_EQ(std::to_string(daemon_.pid) + "\n", read_file("/tmp/zv-qel-sa.pid"));
+}
+
 TEST_F(CoreTest, DashDPrintsUsageAndExitsZero) {
     daemon_ = start_daemon({"-d", "/dev/ttyX"});
     int status = wait_exit(daemon_.pid, 20s);

@@ -28,6 +28,8 @@
 namespace {
 
 constexpr char k_rc_dir[] = "/system/etc/init";
+// The handset's own boot script, read before the service definitions (absent in most test handsets).
+constexpr char k_boot_rc[] = "/init.rc";
 constexpr char k_history_name[] = ".history";
 // How long one client may take to send its request.
 constexpr int64_t k_request_timeout_ms = 2000;
@@ -291,6 +293,22 @@ static int init_exit_status(int status) {
     return 1;
 }
 
+// Makes the folders of the boot script's mkdir commands, with their mode and owner, before any
+// service starts; an existing folder only gets its mode and owner.
+static void init_make_boot_dirs(const rc_config &cfg) {
+    for (const rc_mkdir &dir : cfg.m_mkdirs) {
+        if (mkdir(dir.m_path.c_str(), dir.m_mode) != 0 && errno != EEXIST) {
+            int err = errno;
+            fprintf(stderr, "init: mkdir %s: %s\n", dir.m_path.c_str(), strerror(err));
+            continue;
+        }
+        if (chmod(dir.m_path.c_str(), dir.m_mode) != 0 || chown(dir.m_path.c_str(), dir.m_uid, dir.m_gid) != 0) {
+            int err = errno;
+            fprintf(stderr, "init: setting up %s: %s\n", dir.m_path.c_str(), strerror(err));
+        }
+    }
+}
+
 int main(int argc, char **argv) {
     init_ctx ctx;
     ctx.m_command = nullptr;
@@ -325,8 +343,10 @@ int main(int argc, char **argv) {
     }
 
     rc_config cfg;
+    rc_parse_file(k_boot_rc, &cfg);
     rc_parse_dir(k_rc_dir, &cfg);
     for (const std::string &warning : cfg.m_warnings) fprintf(stderr, "init: %s\n", warning.c_str());
+    init_make_boot_dirs(cfg);
     svc_table_init(&ctx.m_services, PROP_AREA_DIR, cfg);
     svc_boot(&ctx.m_services);
 

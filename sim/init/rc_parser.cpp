@@ -23,7 +23,7 @@ struct rc_line {
     bool m_unterminated;  // a double quote was still open at the end of the line
 };
 
-enum rc_section { RC_NONE, RC_SERVICE, RC_SKIP };
+enum rc_section { RC_NONE, RC_SERVICE, RC_ON, RC_SKIP };
 
 struct rc_id_name {
     const char *m_name;
@@ -264,6 +264,46 @@ static void rc_apply_option(const rc_line &line, const char *file, rc_service *s
             svc->m_name.c_str());
 }
 
+// One command of an `on` section: `mkdir PATH [MODE [OWNER [GROUP]]]` is kept, others are skipped.
+static void rc_apply_on_command(const rc_line &line, const char *file, rc_config *cfg) {
+    const std::vector<std::string> &t = line.m_tokens;
+    if (t[0] != "mkdir") {
+        rc_warn(cfg, file, line.m_line, "'%s' in an 'on' section skipped", t[0].c_str());
+        return;
+    }
+    if (t.size() < 2 || t.size() > 5 || t[1].empty() || t[1][0] != '/') {
+        rc_warn(cfg, file, line.m_line, "mkdir needs an absolute path and at most mode, owner and group");
+        return;
+    }
+    rc_mkdir dir{t[1], 0755, 0, 0};
+    if (t.size() > 2) {
+        char *end = nullptr;
+        unsigned long mode = strtoul(t[2].c_str(), &end, 8);
+        if (t[2].empty() || *end != '\0' || mode > 07777) {
+            rc_warn(cfg, file, line.m_line, "mkdir mode '%s' is not octal", t[2].c_str());
+            return;
+        }
+        dir.m_mode = static_cast<mode_t>(mode);
+    }
+    unsigned id = 0;
+    if (t.size() > 3) {
+        if (!rc_parse_id(t[3], &id)) {
+            rc_warn(cfg, file, line.m_line, "unknown owner '%s'", t[3].c_str());
+            return;
+        }
+        dir.m_uid = id;
+        dir.m_gid = id;
+    }
+    if (t.size() > 4) {
+        if (!rc_parse_id(t[4], &id)) {
+            rc_warn(cfg, file, line.m_line, "unknown group '%s'", t[4].c_str());
+            return;
+        }
+        dir.m_gid = id;
+    }
+    cfg->m_mkdirs.push_back(dir);
+}
+
 void rc_parse_text(std::string_view text, const char *file, rc_config *cfg) {
     size_t pos = 0;
     int lineno = 1;
@@ -280,8 +320,9 @@ void rc_parse_text(std::string_view text, const char *file, rc_config *cfg) {
         if (keyword == "service") {
             section = rc_begin_service(line, file, cfg);
         } else if (keyword == "on") {
-            rc_warn(cfg, file, line.m_line, "'on' section skipped");
-            section = RC_SKIP;
+            section = RC_ON;
+        } else if (section == RC_ON) {
+            rc_apply_on_command(line, file, cfg);
         } else if (keyword == "import") {
             rc_warn(cfg, file, line.m_line, "'import' skipped");
             section = RC_NONE;
@@ -348,4 +389,11 @@ void rc_parse_dir(const char *dir, rc_config *cfg) {
     }
     for (int i = 0; i < count; ++i) free(names[i]);
     free(names);
+}
+
+bool rc_parse_file(const char *path, rc_config *cfg) {
+    std::string text;
+    if (rc_read_file(path, &text) != 0) return false;
+    rc_parse_text(text, path, cfg);
+    return true;
 }

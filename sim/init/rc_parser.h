@@ -1,7 +1,9 @@
 // rc_parser: reads the service definitions of the handset's init configuration (/system/etc/init/*.rc)
 // into plain records. Only the part of init's language that the simulator needs is understood:
 // `service NAME PATH ARGS...` with the options `user`, `group`, `class`, `disabled` and `oneshot`.
-// `on` and `import` sections and unknown options are skipped; every skip and every malformed line leaves
+// Of `on` sections only the `mkdir PATH [MODE [OWNER [GROUP]]]` command is kept (run once at boot,
+// before any service, whatever the trigger); their other commands, `import` and unknown options are
+// skipped; every skip and every malformed line leaves
 // a "FILE:LINE: text" warning for init to print, so a typo in a test's rc file is visible, not silent.
 //
 // Tokens follow init's rules: blanks separate them, double quotes group blanks into one token, a
@@ -35,8 +37,17 @@ struct rc_service {
     int m_line;
 };
 
+// A folder the handset's boot script makes before any service starts.
+struct rc_mkdir {
+    std::string m_path;
+    mode_t m_mode;  // 0755 unless given
+    uid_t m_uid;    // 0 unless given
+    gid_t m_gid;    // 0 unless given
+};
+
 struct rc_config {
     std::vector<rc_service> m_services;   // in definition order, names unique
+    std::vector<rc_mkdir> m_mkdirs;       // from `on` sections, in reading order
     std::vector<std::string> m_warnings;  // "FILE:LINE: text", in reading order
 };
 
@@ -45,6 +56,8 @@ void rc_parse_text(std::string_view text, const char *file, rc_config *cfg);
 
 // Parses every "*.rc" file of dir in name order into cfg; a file that can't be read is a warning.
 void rc_parse_dir(const char *dir, rc_config *cfg);
+// Parses one rc file into cfg; false (and nothing added) when it can't be read.
+bool rc_parse_file(const char *path, rc_config *cfg);
 
 // Resolves a user or group: root, system, radio, log, shell or a decimal id; false when it is neither.
 bool rc_parse_id(std::string_view text, unsigned *id);

@@ -187,20 +187,48 @@ TEST(RcParser, LastLineWithoutNewlineIsRead) {
     EXPECT_TRUE(cfg.m_services[0].m_oneshot);
 }
 
-TEST(RcParser, OnSectionIsSkippedWithAWarning) {
+TEST(RcParser, OnSectionKeepsMkdirAndSkipsOtherCommands) {
     rc_config cfg = Parse(
         "on boot\n"
         "    setprop a b\n"
-        "    start sleeper\n"
+        "    mkdir /data/local/log 0771 shell shell\n"
         "    disabled\n"
         "service sleeper /x\n"
         "on property:sys.x=1\n"
-        "    oneshot\n");
+        "    oneshot\n"
+        "    mkdir /data/a\n"
+        "    mkdir /data/b 0700 system\n");
     ASSERT_EQ(1u, cfg.m_services.size());
     // The oneshot line belongs to the second on section, not to the service.
     EXPECT_FALSE(cfg.m_services[0].m_oneshot);
-    EXPECT_EQ((std::vector<std::string>{"t.rc:1: 'on' section skipped", "t.rc:6: 'on' section skipped"}),
+    EXPECT_FALSE(cfg.m_services[0].m_disabled);
+    EXPECT_EQ((std::vector<std::string>{"t.rc:2: 'setprop' in an 'on' section skipped",
+                                        "t.rc:4: 'disabled' in an 'on' section skipped",
+                                        "t.rc:7: 'oneshot' in an 'on' section skipped"}),
               cfg.m_warnings);
+    ASSERT_EQ(3u, cfg.m_mkdirs.size());
+    EXPECT_EQ("/data/local/log", cfg.m_mkdirs[0].m_path);
+    EXPECT_EQ(0771u, cfg.m_mkdirs[0].m_mode);
+    EXPECT_EQ(2000u, cfg.m_mkdirs[0].m_uid);
+    EXPECT_EQ(2000u, cfg.m_mkdirs[0].m_gid);
+    EXPECT_EQ("/data/a", cfg.m_mkdirs[1].m_path);
+    EXPECT_EQ(0755u, cfg.m_mkdirs[1].m_mode);
+    EXPECT_EQ(0u, cfg.m_mkdirs[1].m_uid);
+    EXPECT_EQ(1000u, cfg.m_mkdirs[2].m_uid);
+    EXPECT_EQ(1000u, cfg.m_mkdirs[2].m_gid);
+}
+
+TEST(RcParser, MalformedMkdirIsSkippedWithAWarning) {
+    rc_config cfg = Parse(
+        "on boot\n"
+        "    mkdir\n"
+        "    mkdir relative 0700\n"
+        "    mkdir /a 0789\n"
+        "    mkdir /b 0700 nobody\n"
+        "    mkdir /c 0700 root wheel\n"
+        "    mkdir /d 0700 root root extra\n");
+    EXPECT_TRUE(cfg.m_mkdirs.empty());
+    EXPECT_EQ(6u, cfg.m_warnings.size());
 }
 
 TEST(RcParser, ImportIsSkippedWithAWarning) {
