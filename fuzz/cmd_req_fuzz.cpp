@@ -14,8 +14,10 @@ static const sa_msg_st *g_current_req;
 
 // A handler's param must point into the request text, at or before its terminating NUL.
 static long check_param(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param) {
-    if (req != g_current_req || param < req->m_data_a || param > req->m_data_a + sizeof(req->m_data_a) - 1) abort();
-    if (memchr(param, '\0', static_cast<size_t>(req->m_data_a + sizeof(req->m_data_a) - param)) == nullptr) abort();
+    if (req != g_current_req || param < req->m_data_a || param > req->m_data_a + sizeof(req->m_data_a) - 1)
+        abort();
+    if (memchr(param, '\0', static_cast<size_t>(req->m_data_a + sizeof(req->m_data_a) - param)) == nullptr)
+        abort();
     return send_rsp_ok(fd, rsp);
 }
 

@@ -50,12 +50,13 @@ static int util_is_sa_running(pid_t pid) {
 }
 
 [[noreturn]] static void prompt_usage(const char *prog) {
-    printf("\nUsage: %s [OPTION]\n"
-           "  -d <device name>       Set the device that communicate with modem.\n"
-           "  -p <log path>          Special the path that save the ATA log files.\n"
-           "  -c <count>             Special the count that backup the ATA log files.\n"
-           "  -h                     Display this help and exit.\n\n",
-           prog);
+    printf(
+        "\nUsage: %s [OPTION]\n"
+        "  -d <device name>       Set the device that communicate with modem.\n"
+        "  -p <log path>          Special the path that save the ATA log files.\n"
+        "  -c <count>             Special the count that backup the ATA log files.\n"
+        "  -h                     Display this help and exit.\n\n",
+        prog);
     sfw_log_stop(nullptr);
     trace_file("exit");
     exit(0);

@@ -7,8 +7,8 @@
 #define SA_CFG_FILE "/system/etc/zv-qel-sa.cfg"
 
 struct sa_cfg_record {
-    char m_tty_cmd_a[28];   // "zv.tty.cmd": link path of the command channel's pty, at most 27 characters
-    uint32_t m_log_size;    // "zv.log.size": parsed and traced only
+    char m_tty_cmd_a[28];  // "zv.tty.cmd": link path of the command channel's pty, at most 27 characters
+    uint32_t m_log_size;   // "zv.log.size": parsed and traced only
 };
 
 // The configuration, zeroed and filled by sa_cfg_init; read-only afterwards.

@@ -123,6 +123,10 @@ class DeleteLogTest : public ::testing::Test {
             ASSERT_TRUE(poll_until([&] { return process_running(pid); }, 5s));
         }
         ASSERT_NE(0u, static_cast<unsigned long>(g_zv_log_svc[2].mthread_id));
+        // Wait until the kernel log reader has rotated its generations and written its banner: a reader
+        // still rotating would rename files behind a delete that has already listed them.
+        ASSERT_TRUE(poll_until(
+            [] { return log_text().find("read_kernel_log_loop buf_a[") != std::string::npos; }, 10s));
     }
     int baseline_threads_ = 0;
 };

@@ -186,9 +186,10 @@ void *sa_handle_read_cmd_loop(void *param) {
     memset(rsp, 0, sizeof(*rsp));
 
     long ret_val = pub_pty_open(pty);
-    trace_info("sa_handle_read_cmd_loop pub_pty_open m_ptm_fd[%d] pts_name_a[%s] pts_mapping_name_a[%s] "
-               "is_nonblock_mode[%d] ret_val[%ld]",
-               pty->m_ptm_fd, pty->m_pts_name_a, pty->m_pts_mapping_name_a, pty->m_is_nonblock_mode, ret_val);
+    trace_info(
+        "sa_handle_read_cmd_loop pub_pty_open m_ptm_fd[%d] pts_name_a[%s] pts_mapping_name_a[%s] "
+        "is_nonblock_mode[%d] ret_val[%ld]",
+        pty->m_ptm_fd, pty->m_pts_name_a, pty->m_pts_mapping_name_a, pty->m_is_nonblock_mode, ret_val);
     trace_file("ptm_fd[%d] pts_name[%s] pts_mapping_name[%s] ret_val[%ld]", pty->m_ptm_fd, pty->m_pts_name_a,
                pty->m_pts_mapping_name_a, ret_val);
 
@@ -225,12 +226,13 @@ void *sa_handle_read_cmd_loop(void *param) {
             trace_info("sa_handle_read_cmd_loop EIO pub_pty_close ret_val[%ld]", close_ret);
             ret_val = pub_pty_open(pty);
             int open_err = errno;
-            trace_info("sa_handle_read_cmd_loop EIO pub_pty_open m_ptm_fd[%d] pts_name_a[%s] "
-                       "pts_mapping_name_a[%s] is_nonblock_mode[%d] ret_val[%ld]",
-                       pty->m_ptm_fd, pty->m_pts_name_a, pty->m_pts_mapping_name_a, pty->m_is_nonblock_mode,
-                       ret_val);
-            trace_file("reopen m_ptm_fd[%d] pts_name_a[%s] pts_mapping_name_a[%s] ret_val[%ld]", pty->m_ptm_fd,
-                       pty->m_pts_name_a, pty->m_pts_mapping_name_a, ret_val);
+            trace_info(
+                "sa_handle_read_cmd_loop EIO pub_pty_open m_ptm_fd[%d] pts_name_a[%s] "
+                "pts_mapping_name_a[%s] is_nonblock_mode[%d] ret_val[%ld]",
+                pty->m_ptm_fd, pty->m_pts_name_a, pty->m_pts_mapping_name_a, pty->m_is_nonblock_mode,
+                ret_val);
+            trace_file("reopen m_ptm_fd[%d] pts_name_a[%s] pts_mapping_name_a[%s] ret_val[%ld]",
+                       pty->m_ptm_fd, pty->m_pts_name_a, pty->m_pts_mapping_name_a, ret_val);
             if (ret_val != 0) trace_file("reopen errno[%d-%s]", open_err, strerror(open_err));
         } else if (err != EINTR) {
             trace_info("sa_handle_read_cmd_loop other error");
@@ -314,7 +316,8 @@ long sa_handle_init(void) {
 
     sa_handle_ctx_st *ctx = &g_sa_handle_ctx;
     memset(ctx, 0, sizeof(*ctx));
-    snprintf(ctx->m_pty.m_pts_mapping_name_a, sizeof(ctx->m_pty.m_pts_mapping_name_a), "%s", sa_cfg_st.m_tty_cmd_a);
+    snprintf(ctx->m_pty.m_pts_mapping_name_a, sizeof(ctx->m_pty.m_pts_mapping_name_a), "%s",
+             sa_cfg_st.m_tty_cmd_a);
     trace_info("sa_handle_init m_pts_mapping_name_a[%s]", ctx->m_pty.m_pts_mapping_name_a);
     trace_file("m_pts_mapping_name_a[%s]", ctx->m_pty.m_pts_mapping_name_a);
 
@@ -328,8 +331,8 @@ long sa_handle_init(void) {
     pthread_attr_destroy(&attr);
     trace_info("sa_handle_init m_read_cmd_thread_id[%lu] ret_val[%ld]",
                static_cast<unsigned long>(ctx->m_read_cmd_thread_id), ret_val);
-    trace_file("m_read_cmd_thread_id[%lu] ret_val[%ld]", static_cast<unsigned long>(ctx->m_read_cmd_thread_id),
-               ret_val);
+    trace_file("m_read_cmd_thread_id[%lu] ret_val[%ld]",
+               static_cast<unsigned long>(ctx->m_read_cmd_thread_id), ret_val);
     if (ret_val != 0) {
         trace_info("pthread_create() fail: %ld", ret_val);
     } else {

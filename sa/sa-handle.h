@@ -40,15 +40,15 @@ extern const sa_cmd_st sa_cmd_table[];
 
 // The one handler context, zeroed whole by sa_handle_init before any thread uses it.
 struct sa_handle_ctx_st {
-    pthread_t m_read_cmd_thread_id;  // the command thread
-    pub_pty_st m_pty;                // the command channel's endpoint (blocking reads)
-    sa_msg_st m_req;                 // request buffer
-    sa_msg_st m_rsp;                 // response buffer
-    uint8_t m_kernel_log_on;         // "+KERNEL_LOG" switch
-    uint8_t m_dmesg_log_on;          // "+DMESG_LOG" switch
-    uint8_t m_packets_capture_on;    // "+DATA_PACKETS_LOG" switch
-    pthread_t m_read_kernel_log_tid; // kernel log reader thread
-    pid_t m_packets_capture_pid;     // killed when packet capture is switched off; never assigned
+    pthread_t m_read_cmd_thread_id;   // the command thread
+    pub_pty_st m_pty;                 // the command channel's endpoint (blocking reads)
+    sa_msg_st m_req;                  // request buffer
+    sa_msg_st m_rsp;                  // response buffer
+    uint8_t m_kernel_log_on;          // "+KERNEL_LOG" switch
+    uint8_t m_dmesg_log_on;           // "+DMESG_LOG" switch
+    uint8_t m_packets_capture_on;     // "+DATA_PACKETS_LOG" switch
+    pthread_t m_read_kernel_log_tid;  // kernel log reader thread
+    pid_t m_packets_capture_pid;      // killed when packet capture is switched off; never assigned
 };
 
 extern sa_handle_ctx_st g_sa_handle_ctx;
@@ -83,18 +83,18 @@ int sa_call_system_at(const char *src, unsigned line, const char *func, const ch
 // The argument check shared by every command handler: fd at least 1, req present with a non-zero
 // length, rsp present, param present. On failure traces one 0/1 flag per condition, logs -101 and
 // returns -101 from the handler without answering.
-#define SA_CHECK_HANDLER_ARGS(fd, req, rsp, param)                                                     \
-    do {                                                                                               \
-        int bad_fd_ = (fd) < 1;                                                                        \
-        int bad_req_ = (req) == nullptr;                                                               \
-        int bad_len_ = bad_req_ || (req)->m_len == 0;                                                  \
-        int bad_rsp_ = (rsp) == nullptr;                                                               \
-        int bad_param_ = (param) == nullptr;                                                           \
-        if (bad_fd_ || bad_req_ || bad_len_ || bad_rsp_ || bad_param_) {                               \
-            trace_info("%d, %d, %d, %d, %d", bad_fd_, bad_req_, bad_len_, bad_rsp_, bad_param_);       \
-            trace_err_code(ERR_INVALID_PARAM);                                                         \
-            return ERR_INVALID_PARAM;                                                                  \
-        }                                                                                              \
+#define SA_CHECK_HANDLER_ARGS(fd, req, rsp, param)                                               \
+    do {                                                                                         \
+        int bad_fd_ = (fd) < 1;                                                                  \
+        int bad_req_ = (req) == nullptr;                                                         \
+        int bad_len_ = bad_req_ || (req)->m_len == 0;                                            \
+        int bad_rsp_ = (rsp) == nullptr;                                                         \
+        int bad_param_ = (param) == nullptr;                                                     \
+        if (bad_fd_ || bad_req_ || bad_len_ || bad_rsp_ || bad_param_) {                         \
+            trace_info("%d, %d, %d, %d, %d", bad_fd_, bad_req_, bad_len_, bad_rsp_, bad_param_); \
+            trace_err_code(ERR_INVALID_PARAM);                                                   \
+            return ERR_INVALID_PARAM;                                                            \
+        }                                                                                        \
     } while (0)
 
 // The error code every handler reports to the client, whatever went wrong inside.

@@ -42,7 +42,9 @@ void MakeBallast(const std::vector<std::string> &names) {
     }
 }
 
-bool Exists(const std::string &name) { return access((std::string(SA_PROTECT_DIR) + name).c_str(), F_OK) == 0; }
+bool Exists(const std::string &name) {
+    return access((std::string(SA_PROTECT_DIR) + name).c_str(), F_OK) == 0;
+}
 
 TEST(ProtectDataIsLow, ThresholdIsThreeMebibytes) {
     EXPECT_FALSE(protect_data_is_low(1, 3145728));

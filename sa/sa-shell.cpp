@@ -143,7 +143,8 @@ int create_subprocess(int fd, const char *arg0, const char *arg1, pid_t *pid) {
         sa_child_reset_oom_adj();
         execl(kShellPath, kShellPath, arg0, arg1, static_cast<char *>(nullptr));
         int err = errno;
-        trace_info("create_subprocess execl(%s) ret_val[%d] error[%d-%s]", kShellPath, -1, err, strerror(err));
+        trace_info("create_subprocess execl(%s) ret_val[%d] error[%d-%s]", kShellPath, -1, err,
+                   strerror(err));
         trace_file("child process errno[%d-%s]", err, strerror(err));
         fprintf(stderr, "create_subprocess execl(%s) errno[%d-%s] -\n", kShellPath, err, strerror(err));
         exit(-1);

@@ -181,7 +181,8 @@ TEST_F(SwitchTest, ConcurrencyKernelLogOnAndOff200TimesLeavesOneReaderAtMost) {
         ASSERT_EQ(kOk, call_handler(handle_sa_kernel_log_set, "1\r").m_answer) << i;
         // The new reader, and at most one stopped reader still on its way out (on a loaded machine it may
         // take longer than the killer's 10 ms pause to go).
-        ASSERT_TRUE(poll_until([&] { return thread_count() <= baseline_threads_ + 2; }, 5s)) << i << ": " << thread_count();
+        ASSERT_TRUE(poll_until([&] { return thread_count() <= baseline_threads_ + 2; }, 5s))
+            << i << ": " << thread_count();
         ASSERT_EQ(kOk, call_handler(handle_sa_kernel_log_set, "0\r").m_answer) << i;
     }
     EXPECT_TRUE(poll_until([&] { return thread_count() == baseline_threads_; }, 10s)) << thread_count();

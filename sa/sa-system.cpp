@@ -37,8 +37,8 @@ long handle_sa_system_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *pa
     char cmd[256];
     memset(cmd, 0, sizeof(cmd));
     long ret_val = ERR_UNKNOWN;
-    if (strnlen(param, kSystemParamLimit) < kSystemParamLimit &&
-        sscanf(param, "\"%255[^\"]\"", cmd) == 1 && cmd[0] != '\0') {
+    if (strnlen(param, kSystemParamLimit) < kSystemParamLimit && sscanf(param, "\"%255[^\"]\"", cmd) == 1 &&
+        cmd[0] != '\0') {
         long sys_ret = do_sys_command(cmd);
         trace_info("command \"%s\": %ld", cmd, sys_ret);
         ret_val = sys_ret == 0 ? 0L : static_cast<long>(ERR_UNKNOWN);

@@ -38,7 +38,9 @@ void sa_trace_file_line(const char *func, const char *fmt, ...) {
     fclose(fp);
 }
 
-static bool file_exists(const char *path) { return access(path, F_OK) == 0; }
+static bool file_exists(const char *path) {
+    return access(path, F_OK) == 0;
+}
 
 long update_sa_logs(void) {
     trace_func();
@@ -56,7 +58,8 @@ long update_sa_logs(void) {
         snprintf(log_file_old, sizeof(log_file_old), "%s.%d", SA_TRACE_FILE, n);
         if (!file_exists(log_file_old)) continue;
         snprintf(log_file_new, sizeof(log_file_new), "%s.%d", SA_TRACE_FILE, n + 1);
-        trace_info("update_sa_logs [%d] log_file_old[%s] log_file_new[%s]", n + 1, log_file_old, log_file_new);
+        trace_info("update_sa_logs [%d] log_file_old[%s] log_file_new[%s]", n + 1, log_file_old,
+                   log_file_new);
         if (rename(log_file_old, log_file_new) != 0) {
             int err = errno;
             trace_info("update_sa_logs rename errno[%d-%s]", err, strerror(err));

@@ -13,17 +13,17 @@
 #define SA_TRACE_FILE SA_LOG_DIR "/sa.log"
 
 // Entry mark of a function (level "func", no message).
-#define trace_func()                                                                                    \
-    sfw_log_full(nullptr, SA_MODULE_NAME, SFW_LOG_FUNC, SA_TRACE_SRC, __LINE__, __func__, 0,            \
+#define trace_func()                                                                         \
+    sfw_log_full(nullptr, SA_MODULE_NAME, SFW_LOG_FUNC, SA_TRACE_SRC, __LINE__, __func__, 0, \
                  SFW_LOG_DIR_NONE, nullptr, 0, 0, nullptr, nullptr)
 
 // One record at `level` with code `err`, call name `text` and a printf-style message.
-#define trace_at_level(level, err, text, ...)                                                          \
-    do {                                                                                               \
-        sfw_log_lock(nullptr);                                                                         \
-        sfw_log_build_extended_info(__VA_ARGS__);                                                      \
-        sfw_log_full(nullptr, SA_MODULE_NAME, (level), SA_TRACE_SRC, __LINE__, __func__, (err),        \
-                     SFW_LOG_DIR_NONE, nullptr, 0, 0, (text), nullptr);                                \
+#define trace_at_level(level, err, text, ...)                                                   \
+    do {                                                                                        \
+        sfw_log_lock(nullptr);                                                                  \
+        sfw_log_build_extended_info(__VA_ARGS__);                                               \
+        sfw_log_full(nullptr, SA_MODULE_NAME, (level), SA_TRACE_SRC, __LINE__, __func__, (err), \
+                     SFW_LOG_DIR_NONE, nullptr, 0, 0, (text), nullptr);                         \
     } while (0)
 
 // One message record (level "info").
@@ -33,12 +33,12 @@
 // An error record with a result code of the common library (or an errno number) and a message.
 #define trace_err(err, ...) trace_at_level(SFW_LOG_ERROR, (err), nullptr, __VA_ARGS__)
 // An error record carrying only the code.
-#define trace_err_code(err)                                                                            \
-    sfw_log_full(nullptr, SA_MODULE_NAME, SFW_LOG_ERROR, SA_TRACE_SRC, __LINE__, __func__, (err),      \
+#define trace_err_code(err)                                                                       \
+    sfw_log_full(nullptr, SA_MODULE_NAME, SFW_LOG_ERROR, SA_TRACE_SRC, __LINE__, __func__, (err), \
                  SFW_LOG_DIR_NONE, nullptr, 0, 0, nullptr, nullptr)
 // A failed system call: its name and errno.
-#define trace_sys_err(call, err)                                                                       \
-    sfw_log_full(nullptr, SA_MODULE_NAME, SFW_LOG_SYS_ERROR, SA_TRACE_SRC, __LINE__, __func__, (err),  \
+#define trace_sys_err(call, err)                                                                      \
+    sfw_log_full(nullptr, SA_MODULE_NAME, SFW_LOG_SYS_ERROR, SA_TRACE_SRC, __LINE__, __func__, (err), \
                  SFW_LOG_DIR_NONE, nullptr, 0, 0, (call), nullptr)
 
 // One line of sa.log, prefixed with the time and the calling function's name.

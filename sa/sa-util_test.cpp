@@ -20,7 +20,7 @@ namespace {
 
 // A process whose argv[0] is `argv0`; killed and reaped when the object goes.
 class Proc {
-  public:
+   public:
     explicit Proc(const std::string &argv0, const std::string &seconds = "1000") {
         pid_ = fork();
         if (pid_ == 0) {
@@ -45,7 +45,7 @@ class Proc {
     }
     pid_t pid() const { return pid_; }
 
-  private:
+   private:
     pid_t pid_;
 };
 
@@ -99,7 +99,8 @@ TEST(SaUtilGetPid, EmptyCommandLineLikeKernelThreadNeverMatches) {
     // A zombie has an empty cmdline, as a kernel thread does.
     pid_t child = fork();
     if (child == 0) {
-        execl("/bin/bash", "bash", "-c", "exec -a zvprobe-kthread /usr/bin/true", static_cast<char *>(nullptr));
+        execl("/bin/bash", "bash", "-c", "exec -a zvprobe-kthread /usr/bin/true",
+              static_cast<char *>(nullptr));
         _exit(127);
     }
     std::string stat_path = "/proc/" + std::to_string(child) + "/stat";
@@ -109,7 +110,8 @@ TEST(SaUtilGetPid, EmptyCommandLineLikeKernelThreadNeverMatches) {
         std::ifstream in(stat_path);
         std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
         size_t close_paren = stat.rfind(')');
-        zombie = close_paren != std::string::npos && stat.size() > close_paren + 2 && stat[close_paren + 2] == 'Z';
+        zombie =
+            close_paren != std::string::npos && stat.size() > close_paren + 2 && stat[close_paren + 2] == 'Z';
         if (!zombie) std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     ASSERT_TRUE(zombie);
@@ -123,7 +125,7 @@ TEST(SaUtilGetPid, EmptyCommandLineLikeKernelThreadNeverMatches) {
 }
 
 TEST(SaUtilGetPid, CommandLineIsComparedOnFirst511BytesOnly) {
-    std::string inside = std::string(490, 'a') + "zvprobe-in";   // ends at byte 500
+    std::string inside = std::string(490, 'a') + "zvprobe-in";    // ends at byte 500
     std::string outside = std::string(505, 'b') + "zvprobe-out";  // starts at byte 505, ends past 511
     Proc p1(inside);
     Proc p2(outside);

@@ -153,8 +153,9 @@ const std::string k_source = ZV_SOURCE_DIR;
 
 TEST(Launcher, FileOptionInstallsAFileReadOnly) {
     std::string cfg = k_source + "/sa/zv-qel-sa.cfg";
-    probe_run r = Handset({"--file", cfg, "/system/etc/zv-qel-sa.cfg"},
-                          {"/bin/sh", "-c", "cat /system/etc/zv-qel-sa.cfg && ! echo x >> /system/etc/zv-qel-sa.cfg"});
+    probe_run r =
+        Handset({"--file", cfg, "/system/etc/zv-qel-sa.cfg"},
+                {"/bin/sh", "-c", "cat /system/etc/zv-qel-sa.cfg && ! echo x >> /system/etc/zv-qel-sa.cfg"});
     EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
     EXPECT_EQ(probe_read_file(cfg), r.m_out);
 }
@@ -175,7 +176,8 @@ TEST(Launcher, SimulatedHandsetBootsTheDaemonAndTheSessionTalksToIt) {
     EXPECT_NE(std::string::npos, r.m_out.find("init.svc.zv-qel-sa=running")) << r.m_out;
     EXPECT_NE(std::string::npos, r.m_out.find("\\r\\nQUERY_SERVICE: 1\\r\\n\\r\\nOK\\r\\n")) << r.m_out;
     EXPECT_NE(std::string::npos, r.m_out.find("\\r\\nDMESG_LOG: 1\\r\\n\\r\\nOK\\r\\n")) << r.m_out;
-    EXPECT_NE(std::string::npos, r.m_out.find("\nzv-handset\n")) << r.m_out;  // uname -n through a remote shell
+    EXPECT_NE(std::string::npos, r.m_out.find("\nzv-handset\n"))
+        << r.m_out;  // uname -n through a remote shell
 }
 
 // The handset's boot script makes /data/local/log for the shell user, so the daemon's capture children
@@ -193,7 +195,8 @@ TEST(Launcher, BootedHandsetCapturesLogsIntoGrowingFiles) {
     EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
     EXPECT_EQ(0u, r.m_out.find("771 2000 2000\n")) << r.m_out;
     EXPECT_NE(std::string::npos, r.m_out.find("grew\n")) << r.m_out;
-    for (const char *file : {"logcat.log", "logcat-events.log", "logcat-radio.log", "kmsg.log", "ipdata.pcap0"})
+    for (const char *file :
+         {"logcat.log", "logcat-events.log", "logcat-radio.log", "kmsg.log", "ipdata.pcap0"})
         EXPECT_NE(std::string::npos, r.m_out.find(file)) << file << "\n" << r.m_out;
 }
 

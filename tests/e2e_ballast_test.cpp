@@ -28,7 +28,7 @@ void Fill(uint64_t leave_free) {
 }
 
 class BallastTest : public ::testing::Test {
-  protected:
+   protected:
     void SetUp() override {
         prepare_data();
         mkdir("/data/.protect", 0700);
@@ -38,8 +38,8 @@ class BallastTest : public ::testing::Test {
     }
     void StartAndWait() {
         daemon_ = start_daemon();
-        ASSERT_TRUE(poll_until([] { return find_message(sa_log_messages(), "main sa_cfg_init ret_val[0]") >= 0; },
-                               20s));
+        ASSERT_TRUE(poll_until(
+            [] { return find_message(sa_log_messages(), "main sa_cfg_init ret_val[0]") >= 0; }, 20s));
     }
     Daemon daemon_;
 };

@@ -17,7 +17,7 @@ constexpr char kClient[] = "/system/bin/zv-sa-client";
 constexpr char kOut[] = "/tmp/client.out";
 
 class ClientTest : public ::testing::Test {
-  protected:
+   protected:
     void SetUp() override {
         daemon_ = start_daemon_with_links();
         ASSERT_FALSE(link_target(kCmdLink).empty());

@@ -21,7 +21,7 @@ constexpr char kOk[] = "\r\nOK\r\n";
 constexpr char kErr[] = "\r\nERROR: 4294967295\r\n";
 
 class CmdTest : public ::testing::Test {
-  protected:
+   protected:
     void SetUp() override {
         switch_capture_off();  // descriptor counts below must see the channel alone
         daemon_ = start_daemon_with_links();
@@ -40,13 +40,21 @@ class CmdTest : public ::testing::Test {
     int fd_ = -1;
 };
 
-TEST_F(CmdTest, AtProbeIsAnsweredOk) { EXPECT_EQ(kOk, cmd_request(fd_, "AT\r")); }
+TEST_F(CmdTest, AtProbeIsAnsweredOk) {
+    EXPECT_EQ(kOk, cmd_request(fd_, "AT\r"));
+}
 
-TEST_F(CmdTest, LowerCaseAtProbeIsAnsweredOk) { EXPECT_EQ(kOk, cmd_request(fd_, "at\r")); }
+TEST_F(CmdTest, LowerCaseAtProbeIsAnsweredOk) {
+    EXPECT_EQ(kOk, cmd_request(fd_, "at\r"));
+}
 
-TEST_F(CmdTest, ProbeAnywhereInTheBufferIsAnsweredOk) { EXPECT_EQ(kOk, cmd_request(fd_, "xyzAT\rtail")); }
+TEST_F(CmdTest, ProbeAnywhereInTheBufferIsAnsweredOk) {
+    EXPECT_EQ(kOk, cmd_request(fd_, "xyzAT\rtail"));
+}
 
-TEST_F(CmdTest, MixedCaseProbeIsNotAProbe) { EXPECT_EQ(kErr, cmd_request(fd_, "At\r")); }
+TEST_F(CmdTest, MixedCaseProbeIsNotAProbe) {
+    EXPECT_EQ(kErr, cmd_request(fd_, "At\r"));
+}
 
 TEST_F(CmdTest, SystemLineEndingInCatIsTakenForTheProbe) {
     // The buffer holds "at\r" (the end of "cat"), so the probe answers and nothing runs.
@@ -77,13 +85,18 @@ TEST_F(CmdTest, BareParameterFormGoesToTheSetHandler) {
 TEST_F(CmdTest, TrailingCharactersAfterNameAreHandedToTheSetHandler) {
     // "+SYSTEMX" matches "+SYSTEM" by prefix; "X\r" is not a quoted command line.
     EXPECT_EQ(kErr, cmd_request(fd_, "SA+SYSTEMX\r"));
-    EXPECT_TRUE(poll_until([] { return find_message(sa_log_messages(), "handle_sa_cmd_req SA ret_val[0]") >= 0; }, 5s));
+    EXPECT_TRUE(poll_until(
+        [] { return find_message(sa_log_messages(), "handle_sa_cmd_req SA ret_val[0]") >= 0; }, 5s));
     EXPECT_EQ(1, CountInLog("req[X\r]"));
 }
 
-TEST_F(CmdTest, UnknownCommandIsRefused) { EXPECT_EQ(kErr, cmd_request(fd_, "SA+NO_SUCH_COMMAND=1\r")); }
+TEST_F(CmdTest, UnknownCommandIsRefused) {
+    EXPECT_EQ(kErr, cmd_request(fd_, "SA+NO_SUCH_COMMAND=1\r"));
+}
 
-TEST_F(CmdTest, MissingSaIsRefused) { EXPECT_EQ(kErr, cmd_request(fd_, "+SYSTEM=\"true\"\r")); }
+TEST_F(CmdTest, MissingSaIsRefused) {
+    EXPECT_EQ(kErr, cmd_request(fd_, "+SYSTEM=\"true\"\r"));
+}
 
 TEST_F(CmdTest, EqualsQuestionFormIsRefusedEverywhere) {
     EXPECT_EQ(kErr, cmd_request(fd_, "SA+KERNEL_LOG=?\r"));
@@ -158,7 +171,8 @@ TEST_F(CmdTest, RequestOf199BytesIsServedAnd200BytesIsSplit) {
     std::string req2 = "SA+SYSTEM=\"" + line2 + std::string(200 - 10 - 2 - 1 - line2.size(), 'x') + "\"\r";
     ASSERT_EQ(200u, req2.size());
     std::string answer = cmd_request(fd_, req2);
-    answer += read_until(fd_, [](const std::string &s) { return s.size() >= std::string(kErr).size(); }, 3s);
+    answer += read_until(
+        fd_, [](const std::string &s) { return s.size() >= std::string(kErr).size(); }, 3s);
     EXPECT_EQ(std::string(kErr) + kErr, answer);
     EXPECT_FALSE(file_exists("/data/r200"));
 }
@@ -209,7 +223,8 @@ TEST_F(CmdTest, ArbitraryBytesNeverCrashTheChannel) {
     for (int i = 0; i < 300; ++i) {
         std::string junk;
         int len = 1 + static_cast<int>((seed = seed * 1103515245 + 12345) % 120);
-        for (int k = 0; k < len; ++k) junk.push_back(static_cast<char>((seed = seed * 1103515245 + 12345) >> 16));
+        for (int k = 0; k < len; ++k)
+            junk.push_back(static_cast<char>((seed = seed * 1103515245 + 12345) >> 16));
         ASSERT_TRUE(write_all(fd_, junk));
         read_for(fd_, 2ms);
     }
@@ -234,7 +249,8 @@ TEST(CmdStartup, EmptyMappingNameEndsTheCommandThreadButNotTheDaemon) {
     write_file("/system/etc/zv-qel-sa.cfg", "zv.log.size=1\n");
     Daemon d = start_daemon();
     ASSERT_TRUE(poll_until([] { return !link_target(kListenerLink).empty(); }, 20s));
-    EXPECT_TRUE(poll_until([] { return find_message(sa_log_messages(), "sa_handle_read_cmd_loop exit ret_val[-1]") >= 0; }, 10s))
+    EXPECT_TRUE(poll_until(
+        [] { return find_message(sa_log_messages(), "sa_handle_read_cmd_loop exit ret_val[-1]") >= 0; }, 10s))
         << read_file(kSaLog);
     EXPECT_EQ(0, kill(d.pid, 0));
     EXPECT_FALSE(file_exists(kCmdLink));
@@ -268,7 +284,9 @@ TEST(CmdStartup, RegularFileAtLinkPathIsReplaced) {
 }
 
 // Panic dumps left by the previous boot.
-void WritePanic(const std::string &name, const std::string &content) { write_file("/data/dontpanic/" + name, content); }
+void WritePanic(const std::string &name, const std::string &content) {
+    write_file("/data/dontpanic/" + name, content);
+}
 
 TEST(CmdStartup, OnlyConsoleDumpPresentRotatesAllThreeAndCopiesConsole) {
     prepare_data();
@@ -305,7 +323,8 @@ TEST(CmdStartup, ThreeOlderGenerationsAreKept) {
     prepare_data();
     WritePanic("apanic_threads", "new\n");
     for (auto suffix : {"", ".1", ".2", ".3"})
-        write_file(std::string("/data/local/log/apanic_threads") + suffix, std::string("gen") + suffix + "\n");
+        write_file(std::string("/data/local/log/apanic_threads") + suffix,
+                   std::string("gen") + suffix + "\n");
     Daemon d = start_daemon_with_links();
     ASSERT_TRUE(poll_until([] { return !file_exists("/data/dontpanic/apanic_threads"); }, 20s));
     EXPECT_EQ("gen\n", read_file("/data/local/log/apanic_threads.1"));

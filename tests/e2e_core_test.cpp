@@ -27,7 +27,7 @@ constexpr char kUsage[] =
 constexpr char kLiveLogDir[] = "/data/local/log/zv-qel-sa/zv-qel-sa-log";
 
 class CoreTest : public ::testing::Test {
-  protected:
+   protected:
     void SetUp() override { prepare_data(); }
     void TearDown() override {
         if (daemon_.pid > 0) kill_and_reap(daemon_.pid);
@@ -37,8 +37,8 @@ class CoreTest : public ::testing::Test {
     void StartAndWaitStartedUp(const std::vector<std::string> &args = {}) {
         daemon_ = start_daemon(args);
         ASSERT_GT(daemon_.pid, 0);
-        ASSERT_TRUE(poll_until([] { return find_message(sa_log_messages(), "main sa_cfg_init ret_val[0]") >= 0; },
-                               20s))
+        ASSERT_TRUE(poll_until(
+            [] { return find_message(sa_log_messages(), "main sa_cfg_init ret_val[0]") >= 0; }, 20s))
             << read_file(kSaLog);
     }
     Daemon daemon_;
@@ -47,7 +47,8 @@ class CoreTest : public ::testing::Test {
 TEST_F(CoreTest, StartupWritesTraceLinesHeaderBannerAndPidFile) {
     StartAndWaitStartedUp();
     std::string log = read_file(kLogClientFile);
-    EXPECT_TRUE(poll_until([] { return read_file(kLogClientFile).find("Build time: ") != std::string::npos; }, 10s));
+    EXPECT_TRUE(
+        poll_until([] { return read_file(kLogClientFile).find("Build time: ") != std::string::npos; }, 10s));
     log = read_file(kLogClientFile);
     // Header: date line, blank line, rule, column header, rule.
     std::string rule(92, '=');
@@ -82,7 +83,9 @@ TEST_F(CoreTest, TraceLinesHaveTimestampPrefixAndFunctionName) {
 TEST_F(CoreTest, SecondStartIsRefusedWhileOneRuns) {
     // Another process of the daemon's name is running.
     pid_t other = spawn({"/bin/bash", "-c", "exec -a zv-qel-sa /usr/bin/sleep 1000"});
-    ASSERT_TRUE(poll_until([&] { return read_file("/proc/" + std::to_string(other) + "/cmdline").rfind("zv-qel-sa", 0) == 0; }, 10s));
+    ASSERT_TRUE(poll_until(
+        [&] { return read_file("/proc/" + std::to_string(other) + "/cmdline").rfind("zv-qel-sa", 0) == 0; },
+        10s));
     daemon_ = start_daemon();
     int status = wait_exit(daemon_.pid, 20s);
     ASSERT_TRUE(WIFEXITED(status)) << status;
@@ -153,7 +156,8 @@ TEST_F(CoreTest, DashCFiveRotatesFiveLogBackups) {
     StartAndWaitStartedUp({"-c", "5"});
     EXPECT_EQ("live", read_file(live + "-1/origin"));
     for (int i = 2; i <= 5; ++i)
-        EXPECT_EQ("backup" + std::to_string(i - 1), read_file(live + "-" + std::to_string(i) + "/origin")) << i;
+        EXPECT_EQ("backup" + std::to_string(i - 1), read_file(live + "-" + std::to_string(i) + "/origin"))
+            << i;
     EXPECT_FALSE(file_exists(live + "-6"));
     EXPECT_FALSE(file_exists(live + "/origin"));  // a new live folder
     EXPECT_TRUE(file_exists(kLogClientFile));
@@ -179,10 +183,12 @@ TEST_F(CoreTest, DashPHasNoLastingEffectOnTheLogFolder) {
 
 TEST_F(CoreTest, SaLogRotationKeepsFiveGenerations) {
     write_file(kSaLog, "gen0");
-    for (int i = 1; i <= 5; ++i) write_file(std::string(kSaLog) + "." + std::to_string(i), "gen" + std::to_string(i));
+    for (int i = 1; i <= 5; ++i)
+        write_file(std::string(kSaLog) + "." + std::to_string(i), "gen" + std::to_string(i));
     StartAndWaitStartedUp();
     for (int i = 1; i <= 5; ++i)
-        EXPECT_EQ("gen" + std::to_string(i - 1), read_file(std::string(kSaLog) + "." + std::to_string(i))) << i;
+        EXPECT_EQ("gen" + std::to_string(i - 1), read_file(std::string(kSaLog) + "." + std::to_string(i)))
+            << i;
     EXPECT_FALSE(file_exists(std::string(kSaLog) + ".6"));
     std::string fresh = read_file(kSaLog);
     EXPECT_EQ(std::string::npos, fresh.find("gen"));
@@ -206,7 +212,8 @@ TEST_F(CoreTest, SaLogRotationWithGapMovesOnlyThatFile) {
 TEST_F(CoreTest, MissingConfigurationIsNotFatal) {
     unlink("/system/etc/zv-qel-sa.cfg");
     StartAndWaitStartedUp();
-    EXPECT_NE(std::string::npos, read_file(kLogClientFile).find("fail to open file: /system/etc/zv-qel-sa.cfg"));
+    EXPECT_NE(std::string::npos,
+              read_file(kLogClientFile).find("fail to open file: /system/etc/zv-qel-sa.cfg"));
 }
 
 TEST_F(CoreTest, GarbageConfigurationIsNotFatal) {

@@ -30,7 +30,7 @@ struct Connection {
 };
 
 class ListenerTest : public ::testing::Test {
-  protected:
+   protected:
     void SetUp() override {
         switch_capture_off();  // thread, child and descriptor counts below must see the listener alone
         daemon_ = start_daemon_with_links();
@@ -47,7 +47,8 @@ class ListenerTest : public ::testing::Test {
     Connection Request(const std::string &request) {
         Connection c;
         EXPECT_TRUE(write_all(listener_, request));
-        c.name = read_until(listener_, [](const std::string &s) { return !s.empty(); }, 10s);
+        c.name = read_until(
+            listener_, [](const std::string &s) { return !s.empty(); }, 10s);
         EXPECT_EQ(0u, c.name.rfind("/dev/pts/", 0)) << c.name;
         c.slave = open_client(c.name);
         EXPECT_GE(c.slave, 0) << c.name;
@@ -106,7 +107,8 @@ long NowMs() {
 TEST_F(ListenerTest, InteractiveShellExitCodeIsTracedAndMasterClosedAfterGrace) {
     Connection c = Request("shell:");
     ASSERT_TRUE(write_all(c.slave, "echo hi; exit 3\n"));
-    std::string out = read_until(c.slave, [](const std::string &s) { return s.find("hi\n") != std::string::npos; }, 10s);
+    std::string out = read_until(
+        c.slave, [](const std::string &s) { return s.find("hi\n") != std::string::npos; }, 10s);
     ASSERT_NE(std::string::npos, out.find("hi\n")) << out;
     bool closed = false;
     ReadToClose(c.slave, 10s, &closed);
@@ -127,14 +129,18 @@ TEST_F(ListenerTest, InteractiveShellExitCodeIsTracedAndMasterClosedAfterGrace) 
 TEST_F(ListenerTest, ShellKilledBySigkillIsReportedAsSignalNine) {
     Connection c = Request("shell:sleep 100");
     pid_t shell = 0;
-    ASSERT_TRUE(poll_until([&] {
-        for (pid_t p : child_pids(daemon_.pid)) {
-            if (read_file("/proc/" + std::to_string(p) + "/cmdline").find("sleep") != std::string::npos) shell = p;
-        }
-        return shell > 0;
-    }, 10s));
+    ASSERT_TRUE(poll_until(
+        [&] {
+            for (pid_t p : child_pids(daemon_.pid)) {
+                if (read_file("/proc/" + std::to_string(p) + "/cmdline").find("sleep") != std::string::npos)
+                    shell = p;
+            }
+            return shell > 0;
+        },
+        10s));
     ASSERT_EQ(0, kill(shell, SIGKILL));
-    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Killed by signal[9]") == 1; }, 10s));
+    EXPECT_TRUE(
+        poll_until([] { return CountInLog("subproc_waiter_service Killed by signal[9]") == 1; }, 10s));
     close(c.slave);
 }
 
@@ -170,9 +176,12 @@ TEST_F(ListenerTest, TwoRequestsInOneReadFormOneRequest) {
 TEST_F(ListenerTest, ClosingThePeerSideRecreatesTheLinkAndTheLoopGoesOn) {
     close(listener_);
     listener_ = -1;
-    ASSERT_TRUE(poll_until([] { return find_message(sa_log_messages(), "sa_listener_loop exit") < 0 &&
-                                       read_file(kLogClientFile).find("sa_listener_loop reopen fd[") != std::string::npos; },
-                           10s));
+    ASSERT_TRUE(poll_until(
+        [] {
+            return find_message(sa_log_messages(), "sa_listener_loop exit") < 0 &&
+                   read_file(kLogClientFile).find("sa_listener_loop reopen fd[") != std::string::npos;
+        },
+        10s));
     ASSERT_FALSE(link_target(kListenerLink).empty());
     listener_ = open_client(kListenerLink);
     ASSERT_GE(listener_, 0);
@@ -183,7 +192,8 @@ TEST_F(ListenerTest, ClosingThePeerSideRecreatesTheLinkAndTheLoopGoesOn) {
 
 TEST_F(ListenerTest, PeerThatNeverAcknowledgesBlocksOnlyTheListener) {
     ASSERT_TRUE(write_all(listener_, "shell:true"));
-    std::string name = read_until(listener_, [](const std::string &s) { return !s.empty(); }, 10s);
+    std::string name = read_until(
+        listener_, [](const std::string &s) { return !s.empty(); }, 10s);
     ASSERT_EQ(0u, name.rfind("/dev/pts/", 0));
     // No acknowledgement: the command channel still answers.
     EXPECT_EQ("\r\nOK\r\n", cmd_request_once("AT\r"));
@@ -226,7 +236,8 @@ TEST_F(ListenerTest, HundredShellsLeaveNoZombieThreadOrDescriptor) {
     Connection warm = Request("shell:true");
     ReadToClose(warm.slave, 10s);
     close(warm.slave);
-    ASSERT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == threads; }, 10s)) << count_threads(daemon_.pid);
+    ASSERT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == threads; }, 10s))
+        << count_threads(daemon_.pid);
     int fds = count_fds(daemon_.pid);
     for (int i = 0; i < 100; ++i) {
         Connection c = Request("shell:true");
@@ -235,15 +246,18 @@ TEST_F(ListenerTest, HundredShellsLeaveNoZombieThreadOrDescriptor) {
         ASSERT_TRUE(closed) << i;
         close(c.slave);
     }
-    EXPECT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == threads; }, 10s)) << count_threads(daemon_.pid);
+    EXPECT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == threads; }, 10s))
+        << count_threads(daemon_.pid);
     EXPECT_TRUE(poll_until([&] { return count_fds(daemon_.pid) == fds; }, 10s)) << count_fds(daemon_.pid);
     EXPECT_TRUE(child_pids(daemon_.pid).empty());
     // sa.log keeps every line (the structured log is a ring of 100 KB).
-    EXPECT_TRUE(poll_until([] {
-        int n = 0;
-        for (const auto &m : sa_log_messages()) n += m.find("] exit code[0]") != std::string::npos;
-        return n == 101;
-    }, 10s));
+    EXPECT_TRUE(poll_until(
+        [] {
+            int n = 0;
+            for (const auto &m : sa_log_messages()) n += m.find("] exit code[0]") != std::string::npos;
+            return n == 101;
+        },
+        10s));
 }
 
 TEST_F(ListenerTest, AnyRequestUpToTheReadLimitIsServedWithoutCrash) {

@@ -174,16 +174,21 @@ Daemon start_daemon_with_links(const std::vector<std::string> &args) {
     return d;
 }
 
-int open_client(const std::string &path) { return zv_client_open(path.c_str()); }
+int open_client(const std::string &path) {
+    return zv_client_open(path.c_str());
+}
 
-bool write_all(int fd, const std::string &data) { return zv_client_write_all(fd, data.data(), data.size()); }
+bool write_all(int fd, const std::string &data) {
+    return zv_client_write_all(fd, data.data(), data.size());
+}
 
 std::string read_until(int fd, const std::function<bool(const std::string &)> &done,
                        std::chrono::milliseconds timeout) {
     std::string got;
     auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!done(got)) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                          std::chrono::steady_clock::now());
         if (left.count() <= 0) break;
         pollfd p{fd, POLLIN, 0};
         int r = poll(&p, 1, static_cast<int>(left.count()));
@@ -198,10 +203,13 @@ std::string read_until(int fd, const std::function<bool(const std::string &)> &d
 }
 
 std::string read_for(int fd, std::chrono::milliseconds timeout) {
-    return read_until(fd, [](const std::string &) { return false; }, timeout);
+    return read_until(
+        fd, [](const std::string &) { return false; }, timeout);
 }
 
-bool is_final_answer(const std::string &text) { return zv_client_is_final_answer(text); }
+bool is_final_answer(const std::string &text) {
+    return zv_client_is_final_answer(text);
+}
 
 std::string cmd_request(int fd, const std::string &request, std::chrono::milliseconds timeout) {
     if (!write_all(fd, request)) return "<write failed>";

@@ -77,9 +77,11 @@ std::string read_for(int fd, std::chrono::milliseconds timeout);
 // True when text ends with a final answer of the command channel ("\r\nOK\r\n" or an ERROR line).
 bool is_final_answer(const std::string &text);
 // Sends one request and reads until its final answer or the deadline.
-std::string cmd_request(int fd, const std::string &request, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+std::string cmd_request(int fd, const std::string &request,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(20));
 // Opens kCmdLink, sends one request, returns the answer, closes.
-std::string cmd_request_once(const std::string &request, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+std::string cmd_request_once(const std::string &request,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
 // Number of open descriptors of a process, and of its threads and its child processes.
 int count_fds(pid_t pid);

@@ -101,7 +101,8 @@ static int run_listener(const std::string &request, bool interactive_relay) {
         return 0;
     }
     std::string name;
-    zv_client_read_until(fd, &name, [](const std::string &s) { return !s.empty(); }, 10000);
+    zv_client_read_until(
+        fd, &name, [](const std::string &s) { return !s.empty(); }, 10000);
     int pty = name.empty() ? -1 : zv_client_open(name.c_str());
     if (pty < 0) {
         fprintf(stderr, "zv-sa-client: no shell pty from %s\n", kListener);

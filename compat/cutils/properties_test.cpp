@@ -30,7 +30,7 @@ struct Request {
 // A one-shot property service: accepts one connection, reads one set request (cmd, key, value),
 // answers `answer`, and records what it received.
 class ServicePeer {
-  public:
+   public:
     explicit ServicePeer(uint32_t answer) : answer_(answer) {
         unlink(PROP_SERVICE_SOCKET);
         fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -55,7 +55,7 @@ class ServicePeer {
         return req_;
     }
 
-  private:
+   private:
     static bool ReadExact(int fd, void *buf, size_t len) {
         char *p = static_cast<char *>(buf);
         while (len > 0) {

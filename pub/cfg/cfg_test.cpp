@@ -44,7 +44,6 @@ chunk next_chunk(FILE *fp, int size = 100) {
     return c;
 }
 
-
 // ---- line reader ----
 
 TEST(CfgGetLine, NullArgumentsReturnInvalidParameter) {

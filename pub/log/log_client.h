@@ -89,22 +89,22 @@ void log_internal_error(FILE *fp, const char *fmt, ...) __attribute__((format(pr
 
 // Trace statements of the common library's own code (module "zv-qel-pub"). PUB_LOG_SRC must be defined
 // by each source file as its cut source path, e.g. "pty/pty".
-#define PUB_LOG_FUNC()                                                                                    \
+#define PUB_LOG_FUNC()                                                                                      \
     sfw_log_full(nullptr, "zv-qel-pub", SFW_LOG_FUNC, PUB_LOG_SRC, __LINE__, __func__, 0, SFW_LOG_DIR_NONE, \
                  nullptr, 0, 0, nullptr, nullptr)
-#define PUB_LOG_AT_LEVEL(level, err, text, ...)                                                        \
-    do {                                                                                               \
-        sfw_log_lock(nullptr);                                                                         \
-        sfw_log_build_extended_info(__VA_ARGS__);                                                      \
-        sfw_log_full(nullptr, "zv-qel-pub", (level), PUB_LOG_SRC, __LINE__, __func__, (err),           \
-                     SFW_LOG_DIR_NONE, nullptr, 0, 0, (text), nullptr);                                \
+#define PUB_LOG_AT_LEVEL(level, err, text, ...)                                              \
+    do {                                                                                     \
+        sfw_log_lock(nullptr);                                                               \
+        sfw_log_build_extended_info(__VA_ARGS__);                                            \
+        sfw_log_full(nullptr, "zv-qel-pub", (level), PUB_LOG_SRC, __LINE__, __func__, (err), \
+                     SFW_LOG_DIR_NONE, nullptr, 0, 0, (text), nullptr);                      \
     } while (0)
 #define PUB_LOG_INFO(...) PUB_LOG_AT_LEVEL(SFW_LOG_INFO, 0, nullptr, __VA_ARGS__)
 #define PUB_LOG_WARN(...) PUB_LOG_AT_LEVEL(SFW_LOG_WARNING, 0, nullptr, __VA_ARGS__)
 #define PUB_LOG_ERR(err, ...) PUB_LOG_AT_LEVEL(SFW_LOG_ERROR, (err), nullptr, __VA_ARGS__)
 // A failed system call: the call's name and errno, no message text.
-#define PUB_LOG_SYS_ERR(call, err)                                                                     \
-    sfw_log_full(nullptr, "zv-qel-pub", SFW_LOG_SYS_ERROR, PUB_LOG_SRC, __LINE__, __func__, (err),     \
+#define PUB_LOG_SYS_ERR(call, err)                                                                 \
+    sfw_log_full(nullptr, "zv-qel-pub", SFW_LOG_SYS_ERROR, PUB_LOG_SRC, __LINE__, __func__, (err), \
                  SFW_LOG_DIR_NONE, nullptr, 0, 0, (call), nullptr)
 
 #endif  // ZV_PUB_LOG_LOG_CLIENT_H

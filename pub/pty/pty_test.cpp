@@ -94,7 +94,6 @@ std::string read_for(int fd, size_t want) {
     return out;
 }
 
-
 bool write_text(int fd, const std::string &text) {
     return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }

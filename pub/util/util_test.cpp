@@ -62,7 +62,6 @@ std::string read_file(const char *path) {
     return out;
 }
 
-
 // ---- signal names ----
 
 TEST(UtilSignalName, OneIsSighup) {

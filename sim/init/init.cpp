@@ -302,7 +302,8 @@ static void init_make_boot_dirs(const rc_config &cfg) {
             fprintf(stderr, "init: mkdir %s: %s\n", dir.m_path.c_str(), strerror(err));
             continue;
         }
-        if (chmod(dir.m_path.c_str(), dir.m_mode) != 0 || chown(dir.m_path.c_str(), dir.m_uid, dir.m_gid) != 0) {
+        if (chmod(dir.m_path.c_str(), dir.m_mode) != 0 ||
+            chown(dir.m_path.c_str(), dir.m_uid, dir.m_gid) != 0) {
             int err = errno;
             fprintf(stderr, "init: setting up %s: %s\n", dir.m_path.c_str(), strerror(err));
         }

@@ -192,7 +192,9 @@ TEST(InitRun, SigtermWhileCommandRunsIsPassedToTheCommand) {
 }
 
 TEST(InitRun, RcWarningsGoToStderr) {
-    WriteRc("w.rc", "service w /system/bin/sleep 2003\n    bogus 1\non boot\n    start w\n    mkdir /data/made 0700\n");
+    WriteRc(
+        "w.rc",
+        "service w /system/bin/sleep 2003\n    bogus 1\non boot\n    start w\n    mkdir /data/made 0700\n");
     probe_run r = probe_run_program({k_init, "--", "/system/bin/sh", "-c", "exit 0"});
     EXPECT_EQ(0, probe_exit_code(r));
     EXPECT_EQ(
@@ -202,8 +204,9 @@ TEST(InitRun, RcWarningsGoToStderr) {
 }
 
 TEST(InitRun, BootScriptFoldersAreMadeBeforeServicesStart) {
-    WriteRc("m.rc", "on post-fs-data\n    mkdir /data/made 0750 shell log\n"
-                    "service m /bin/sh -c \"stat -c '%a %u %g' /data/made > /data/m.out\"\n    oneshot\n");
+    WriteRc("m.rc",
+            "on post-fs-data\n    mkdir /data/made 0750 shell log\n"
+            "service m /bin/sh -c \"stat -c '%a %u %g' /data/made > /data/m.out\"\n    oneshot\n");
     probe_run r = probe_run_program({k_init, "--", "/bin/sh", "-c",
                                      "for i in $(seq 100); do [ -s /data/m.out ] && break; sleep 0.05; done; "
                                      "cat /data/m.out"});
