@@ -26,8 +26,9 @@ install_deps() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# build DIR [cmake args...]; builds the targets named in $targets, or everything.
-targets=""
+# build DIR [cmake args...]; builds the targets named in $targets (ZV_TARGETS from the environment for
+# ./dev.sh test), or everything.
+targets="${ZV_TARGETS:-}"
 build() {
     local dir=$1; shift
     cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
