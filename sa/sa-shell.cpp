@@ -32,25 +32,6 @@ static constexpr tcflag_t kRawOflagMask = 0x3B;
 static constexpr tcflag_t kRawLflagMask = 0x1B;
 static constexpr useconds_t kShellGraceUs = 200000;
 
-// Writes "0" to /proc/<own pid>/oom_adj, so the child is not the kernel's first choice to kill.
-static void sa_child_reset_oom_adj(void) {
-    char text[64];
-    snprintf(text, sizeof(text), "/proc/%d/oom_adj", getpid());
-    trace_info("create_subprocess text[%s]", text);
-    int fdoo = open(text, O_WRONLY | O_CLOEXEC);
-    trace_info("create_subprocess fdoo[%d]", fdoo);
-    if (fdoo < 0) {
-        int err = errno;
-        trace_info("create_subprocess open(fdoo) error[%d-%s]", err, strerror(err));
-        trace_file("open(fdoo) errno[%d-%s]", err, strerror(err));
-        return;
-    }
-    ssize_t n = write(fdoo, "0", 1);
-    (void)n;
-    close(fdoo);
-    trace_file("child process pid[%d]", getpid());
-}
-
 // Puts the master into raw mode; a failing tcsetattr is recorded but does not fail the pty.
 static void set_ptm_attr(int fd) {
     struct termios tio;
@@ -140,7 +121,22 @@ int create_subprocess(int fd, const char *arg0, const char *arg1, pid_t *pid) {
         dup2(fd, 1);
         dup2(fd, 2);
         close(fd);
-        sa_child_reset_oom_adj();
+        // oom_adj "0": the shell is not the kernel's first choice to kill, whatever the daemon's value.
+        char text[64];
+        snprintf(text, sizeof(text), "/proc/%d/oom_adj", getpid());
+        trace_info("create_subprocess text[%s]", text);
+        int fdoo = open(text, O_WRONLY | O_CLOEXEC);
+        trace_info("create_subprocess fdoo[%d]", fdoo);
+        if (fdoo < 0) {
+            int err = errno;
+            trace_info("create_subprocess open(fdoo) error[%d-%s]", err, strerror(err));
+            trace_file("open(fdoo) errno[%d-%s]", err, strerror(err));
+        } else {
+            ssize_t n = write(fdoo, "0", 1);
+            (void)n;
+            close(fdoo);
+            trace_file("child process pid[%d]", getpid());
+        }
         execl(kShellPath, kShellPath, arg0, arg1, static_cast<char *>(nullptr));
         int err = errno;
         trace_info("create_subprocess execl(%s) ret_val[%d] error[%d-%s]", kShellPath, -1, err,

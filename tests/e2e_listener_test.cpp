@@ -87,6 +87,13 @@ TEST_F(ListenerTest, ShellWithCommandRunsItOnTheNewPty) {
     EXPECT_TRUE(closed);
     close(c.slave);
     EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Exit code[0]") == 1; }, 10s));
+    // The shell's own lines in sa.log, written between fork and exec and after the wait.
+    auto messages = sa_log_messages();
+    bool child_line = false;
+    for (const auto &m : messages)
+        child_line = child_line || m.rfind("create_subprocess child process pid[", 0) == 0;
+    EXPECT_TRUE(child_line);
+    EXPECT_GE(find_message(messages, "create_subprocess parent process"), 0);
 }
 
 // Milliseconds since midnight of a sa.log line's "[MM-DD hh:mm:ss.mmm]" stamp, or -1.
