@@ -26,6 +26,7 @@
 
 #include "log/log_client.h"
 #include "sa-capture.h"
+#include "harness.h"
 #include "sa-handle.h"
 #include "sa-trace.h"
 
@@ -34,32 +35,15 @@ namespace sa_capture_test {
 using namespace std::chrono_literals;
 
 constexpr char kLogClientDir[] = "/data/local/log/zv-qel-sa";
-constexpr char kSaLog[] = "/data/local/log/sa.log";
+using zvtest::kSaLog;
 
-inline bool poll_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return pred();
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
-
-inline std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-inline void write_file(const std::string &path, const std::string &text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-inline bool file_exists(const std::string &path) {
-    return access(path.c_str(), F_OK) == 0;
-}
+// Polling, files and sa.log come from the end-to-end harness.
+using zvtest::file_exists;
+using zvtest::find_message;
+using zvtest::poll_until;
+using zvtest::read_file;
+using zvtest::sa_log_messages;
+using zvtest::write_file;
 
 inline long long file_size(const std::string &path) {
     struct stat st;
@@ -130,26 +114,6 @@ inline std::string log_text() {
 // Position of the first record at or after from that contains text, or npos.
 inline size_t log_find(const std::string &text, size_t from = 0) {
     return log_text().find(text, from);
-}
-
-// The messages of sa.log, each line without its "[MM-DD hh:mm:ss.mmm]" prefix.
-inline std::vector<std::string> sa_log_messages() {
-    std::vector<std::string> out;
-    std::istringstream in(read_file(kSaLog));
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t close = line.find(']');
-        out.push_back(line.size() > 0 && line[0] == '[' && close != std::string::npos ? line.substr(close + 1)
-                                                                                      : line);
-    }
-    return out;
-}
-
-// Index of the first message at or after from equal to text, or -1.
-inline int find_message(const std::vector<std::string> &messages, const std::string &text, int from = 0) {
-    for (size_t i = static_cast<size_t>(from < 0 ? 0 : from); i < messages.size(); ++i)
-        if (messages[i] == text) return static_cast<int>(i);
-    return -1;
 }
 
 // One handler call with a pipe as the channel: the result and the bytes answered.

@@ -66,28 +66,6 @@ long send_rsp(int fd, sa_msg_st *rsp) {
     return 0;
 }
 
-long send_rsp_ok(int fd, sa_msg_st *rsp) {
-    if (fd < 1 || rsp == nullptr) {
-        trace_info("%d, %d", fd < 1, rsp == nullptr);
-        return ERR_INVALID_PARAM;
-    }
-    memset(rsp, 0, sizeof(*rsp));
-    strncpy(rsp->m_data_a, "\r\nOK\r\n", kMsgRoom);
-    rsp->m_len = static_cast<uint16_t>(strlen(rsp->m_data_a));
-    return send_rsp(fd, rsp);
-}
-
-long send_rsp_err(int fd, sa_msg_st *rsp, uint32_t code) {
-    if (fd < 1 || rsp == nullptr) {
-        trace_info("%d, %d", fd < 1, rsp == nullptr);
-        return ERR_INVALID_PARAM;
-    }
-    memset(rsp, 0, sizeof(*rsp));
-    snprintf(rsp->m_data_a, kMsgRoom, "\r\nERROR: %ld\r\n", static_cast<long>(static_cast<uint64_t>(code)));
-    rsp->m_len = static_cast<uint16_t>(strlen(rsp->m_data_a));
-    return send_rsp(fd, rsp);
-}
-
 long send_rsp_text(int fd, sa_msg_st *rsp, const char *fmt, ...) {
     if (fd < 1 || rsp == nullptr || fmt == nullptr) {
         trace_info("%d, %d, %d", fd < 1, rsp == nullptr, fmt == nullptr);
@@ -100,6 +78,15 @@ long send_rsp_text(int fd, sa_msg_st *rsp, const char *fmt, ...) {
     va_end(ap);
     rsp->m_len = static_cast<uint16_t>(strlen(rsp->m_data_a));
     return send_rsp(fd, rsp);
+}
+
+long send_rsp_ok(int fd, sa_msg_st *rsp) {
+    return send_rsp_text(fd, rsp, "%s", "\r\nOK\r\n");
+}
+
+long send_rsp_err(int fd, sa_msg_st *rsp, uint32_t code) {
+    // Zero extension: the code -1 is sent as 4294967295.
+    return send_rsp_text(fd, rsp, "\r\nERROR: %ld\r\n", static_cast<long>(static_cast<uint64_t>(code)));
 }
 
 static const char *skip_spaces(const char *p) {

@@ -23,6 +23,8 @@
 #include <thread>
 #include <vector>
 
+#include "harness.h"
+
 namespace svctest {
 
 using namespace std::chrono_literals;
@@ -36,20 +38,12 @@ constexpr char kSaLog[] = "/data/local/log/sa.log";
 constexpr char kOk[] = "\r\nOK\r\n";
 constexpr char kError[] = "\r\nERROR: 4294967295\r\n";
 
+// Polling and files come from the end-to-end harness.
 inline bool PollUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() >= deadline) return pred();
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
+    return zvtest::poll_until(pred, timeout);
 }
-
 inline std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return zvtest::read_file(path);
 }
 
 inline bool WriteFile(const std::string &path, const std::string &content) {
@@ -61,8 +55,7 @@ inline bool WriteFile(const std::string &path, const std::string &content) {
 }
 
 inline bool Exists(const std::string &path) {
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0;
+    return zvtest::file_exists(path);
 }
 
 inline std::vector<std::string> Lines(const std::string &text) {
@@ -89,13 +82,8 @@ inline std::string Property(const std::string &key) {
     return ReadFile(std::string(kPropArea) + "/" + key);
 }
 
-// The messages of sa.log, each "func message" with the "[MM-DD hh:mm:ss.mmm]" prefix removed.
 inline std::vector<std::string> SaLog() {
-    std::vector<std::string> out;
-    for (const auto &line : Lines(ReadFile(kSaLog))) {
-        out.push_back(line.size() >= 20 && line[0] == '[' && line[19] == ']' ? line.substr(20) : line);
-    }
-    return out;
+    return zvtest::sa_log_messages(kSaLog);
 }
 
 inline int CountMessage(const std::vector<std::string> &messages, const std::string &text) {
@@ -104,11 +92,8 @@ inline int CountMessage(const std::vector<std::string> &messages, const std::str
     return n;
 }
 
-// Index of the first message equal to text at or after from, or -1.
 inline int FindMessage(const std::vector<std::string> &messages, const std::string &text, int from = 0) {
-    for (size_t i = static_cast<size_t>(from); i < messages.size(); ++i)
-        if (messages[i] == text) return static_cast<int>(i);
-    return -1;
+    return zvtest::find_message(messages, text, from);
 }
 
 // Prepares the folder of sa.log so that the handlers' file lines can be read back.
