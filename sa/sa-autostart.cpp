@@ -27,13 +27,6 @@ char auto_start_service_list_path[256];
 static_assert(sizeof(auto_start_service_list) == 400, "the list file is the 400-byte table image");
 static_assert(SA_SERVICE_NAME_SIZE == 40, "the name width in sa_service_name_parse is 39");
 
-// A message both as a structured record and as a line of sa.log.
-#define list_trace(...)          \
-    do {                         \
-        trace_info(__VA_ARGS__); \
-        trace_file(__VA_ARGS__); \
-    } while (0)
-
 // The service family that one list entry stands for at start-up.
 static constexpr char kFamilyEntry[] = "zv-qel-mla";
 static constexpr const char *kFamilyStartLines[] = {
@@ -77,17 +70,15 @@ static int slot_find(const char *name) {
 
 // Traces a list file that could not be opened (errno err) under func, with code -118.
 static void list_trace_open_fail(const char *func, int err) {
-    trace_info("open file \"%s\" fail: %d - %s", auto_start_service_list_path, err, strerror(err));
-    sa_trace_file_line(func, "open file \"%s\" fail: %d - %s", auto_start_service_list_path, err,
-                       strerror(err));
-    trace_err_code(ERR_CALL_C_FUNCTION);
+    trace_both_in(func, "open file \"%s\" fail: %d - %s", auto_start_service_list_path, err, strerror(err));
+    trace_err_code_in(func, ERR_CALL_C_FUNCTION);
 }
 
 // Warns under func that fewer than the ten records were read or written. The read shares the write's
 // wording.
 static void list_trace_short(const char *func, size_t count) {
-    trace_warn("write not completed: to write(%d) != written(%d)", SA_AUTO_START_SLOTS,
-               static_cast<int>(count));
+    trace_warn_in(func, "write not completed: to write(%d) != written(%d)", SA_AUTO_START_SLOTS,
+                  static_cast<int>(count));
     sa_trace_file_line(func, "write not completed: to write(%d) != written(%d)", SA_AUTO_START_SLOTS,
                        static_cast<int>(count));
 }
@@ -102,7 +93,7 @@ long auto_start_service_list_read(void) {
     if (access(auto_start_service_list_path, F_OK) != 0) {
         // The path stays the directory's own name: later writes of the list go there.
         int err = errno;
-        list_trace("access \"%s\" fail: %d - %s", auto_start_service_list_path, err, strerror(err));
+        trace_both("access \"%s\" fail: %d - %s", auto_start_service_list_path, err, strerror(err));
         return ERR_NOT_FOUND;
     }
     size_t used = strlen(auto_start_service_list_path);
@@ -124,7 +115,7 @@ long auto_start_service_list_read(void) {
         if (auto_start_service_list[i][0] == '\0') continue;
         char name[SA_SERVICE_NAME_SIZE + 1];
         slot_name(i, name);
-        list_trace("auto_start_service_list[%d][%s]", i, name);
+        trace_both("auto_start_service_list[%d][%s]", i, name);
     }
     return ERR_NONE;
 }
@@ -136,7 +127,7 @@ long auto_start_service_list_run(void) {
         if (auto_start_service_list[i][0] == '\0') continue;
         char name[SA_SERVICE_NAME_SIZE + 1];
         slot_name(i, name);
-        list_trace("Try to start service: %s", name);
+        trace_both("Try to start service: %s", name);
 
         char cmd[100];
         memset(cmd, 0, sizeof(cmd));
@@ -149,7 +140,7 @@ long auto_start_service_list_run(void) {
             status = system(cmd);
         }
         if (status != 0) {
-            list_trace("error to exec: %s", cmd);
+            trace_both("error to exec: %s", cmd);
             trace_err_code(ERR_CALL_C_FUNCTION);
             ret_val = ERR_CALL_C_FUNCTION;
         }
@@ -166,9 +157,9 @@ long auto_start_service_list_update(const char *name, int mode) {
             if (auto_start_service_list[i][0] == '\0') slot = i;
         }
         if (slot < 0) {
-            list_trace("no free space for \"%s\"", name);
+            trace_both("no free space for \"%s\"", name);
             trace_err_code(ERR_EXCEED_MAX_SIZE);
-            list_trace("%s service \"%s\" auto start %s", mode_word(mode), name, "fail");
+            trace_both("%s service \"%s\" auto start %s", mode_word(mode), name, "fail");
             return ERR_EXCEED_MAX_SIZE;
         }
         // strncpy pads the rest of the slot with NUL bytes.
@@ -182,7 +173,7 @@ long auto_start_service_list_update(const char *name, int mode) {
     if (!fp.ok()) {
         // The table keeps the change; the next successful write brings the file in line.
         list_trace_open_fail(__func__, errno);
-        list_trace("%s service \"%s\" auto start %s", mode_word(mode), name, "fail");
+        trace_both("%s service \"%s\" auto start %s", mode_word(mode), name, "fail");
         return ERR_CALL_C_FUNCTION;
     }
     // Unbuffered, so the count below is what reached the file and not what reached a buffer.
@@ -190,7 +181,7 @@ long auto_start_service_list_update(const char *name, int mode) {
     size_t count = fwrite(auto_start_service_list, SA_SERVICE_NAME_SIZE, SA_AUTO_START_SLOTS, fp.get());
     if (count < SA_AUTO_START_SLOTS) list_trace_short(__func__, count);
     fp.reset();
-    list_trace("%s service \"%s\" auto start %s", mode_word(mode), name, "OK");
+    trace_both("%s service \"%s\" auto start %s", mode_word(mode), name, "OK");
     return ERR_NONE;
 }
 
@@ -212,7 +203,7 @@ static long auto_start_parse(const char *param, char *name, int *mode) {
 long handle_sa_auto_start_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param) {
     trace_func();
     SA_CHECK_HANDLER_ARGS(fd, req, rsp, param);
-    list_trace("req[%s]", param);
+    trace_both("req[%s]", param);
 
     char name[SA_SERVICE_NAME_SIZE];
     int mode = -1;

@@ -89,8 +89,9 @@ int sa_kmsg_signal_reader(pthread_t tid, int sig);
 // Stops the reader *tid with pub_util_kill_thread when it still runs; that result, or 0 with *tid left as
 // it is when it does not.
 int sa_kmsg_stop_reader(pthread_t *tid);
-// The kernel log part of start_zv_log_service (slot 3): a reader, or the quiet console level.
-long start_kmsg_log_service(sa_log_svc_st *svc);
+// The kernel log part of start_zv_log_service (slot 3, svc not null): a reader, or the quiet console
+// level. Its traces are filed under func, the dispatcher's name.
+long start_kmsg_log_service(const char *func, sa_log_svc_st *svc);
 
 // Program locations tried for the packet capture, and the export library that can provide one.
 #define SA_TCPDUMP_PATH "/system/xbin/tcpdump"
@@ -103,8 +104,9 @@ long start_kmsg_log_service(sa_log_svc_st *svc);
 int createTcpdump(const char *path);
 // tcpdump's file size argument (-C, millions of bytes) for a size in KB.
 int sa_ipdata_file_size_mb(int32_t file_size_val);
-// The packet capture part of start_zv_log_service (slot 2); 0, -100, or -118 without tcpdump.
-long start_ipdata_log_service(sa_log_svc_st *svc);
+// The packet capture part of start_zv_log_service (slot 2, svc not null); 0, -100, or -118 without
+// tcpdump. Its traces are filed under func, the dispatcher's name.
+long start_ipdata_log_service(const char *func, sa_log_svc_st *svc);
 // Runs the packet capture's double fork and answers on fd; the answer's result.
 long packets_capture_process(int fd, sa_msg_st *rsp);
 // The capture start of the packet capture watcher; it starts nothing. 0.

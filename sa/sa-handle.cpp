@@ -67,10 +67,8 @@ long send_rsp(int fd, sa_msg_st *rsp) {
 }
 
 long send_rsp_text(int fd, sa_msg_st *rsp, const char *fmt, ...) {
-    if (fd < 1 || rsp == nullptr || fmt == nullptr) {
-        trace_info("%d, %d, %d", fd < 1, rsp == nullptr, fmt == nullptr);
-        return ERR_INVALID_PARAM;
-    }
+    // Nothing to fill: send_rsp refuses the call and traces why, as it does for a bad descriptor.
+    if (rsp == nullptr) return send_rsp(fd, rsp);
     memset(rsp, 0, sizeof(*rsp));
     va_list ap;
     va_start(ap, fmt);

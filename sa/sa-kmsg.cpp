@@ -278,7 +278,6 @@ static void kmsg_prepare(void) {
 }
 
 int sa_kmsg_create_reader(pthread_t *tid) {
-    trace_func();
     static pthread_once_t prepare_once = PTHREAD_ONCE_INIT;
     pthread_once(&prepare_once, kmsg_prepare);
 
@@ -309,31 +308,28 @@ int sa_kmsg_create_reader(pthread_t *tid) {
     return rc;
 }
 
-// Sets the kernel's console log level through its shell line; the result only shows in the trace.
-static void kmsg_set_console_level(const char *cmd) {
+// Sets the kernel's console log level through its shell line; the result only shows in the trace, filed
+// under func.
+static void kmsg_set_console_level(const char *func, const char *cmd) {
     int status = system(cmd);
-    trace_info("start_zv_log_service system(%s) status[%d]", cmd, status);
+    trace_info_in(func, "start_zv_log_service system(%s) status[%d]", cmd, status);
 }
 
-long start_kmsg_log_service(sa_log_svc_st *svc) {
-    trace_func();
-    if (svc == nullptr) {
-        trace_info("Invalid param.");
-        return ERR_UNKNOWN;
-    }
+long start_kmsg_log_service(const char *func, sa_log_svc_st *svc) {
     if (svc->file_num_val != 0 && svc->file_size_val != 0) {
         int rc = sa_kmsg_create_reader(&g_sa_handle_ctx.m_read_kernel_log_tid);
-        trace_info("start_zv_log_service m_read_kernel_log_tid[%lu] ret_val[%ld]",
-                   static_cast<unsigned long>(g_sa_handle_ctx.m_read_kernel_log_tid), static_cast<long>(rc));
+        trace_info_in(func, "start_zv_log_service m_read_kernel_log_tid[%lu] ret_val[%ld]",
+                      static_cast<unsigned long>(g_sa_handle_ctx.m_read_kernel_log_tid),
+                      static_cast<long>(rc));
         if (rc != 0) {
-            trace_info("cannot create kernel log thread.");
+            trace_info_in(func, "cannot create kernel log thread.");
             return ERR_UNKNOWN;
         }
         svc->mthread_id = g_sa_handle_ctx.m_read_kernel_log_tid;
-        kmsg_set_console_level(kPrintkVerboseCmd);
+        kmsg_set_console_level(func, kPrintkVerboseCmd);
         return ERR_NONE;
     }
-    trace_info("start_zv_log_service echo 3 3 1 3 > /proc/sys/kernel/printk\n");
-    kmsg_set_console_level(kPrintkQuietCmd);
+    trace_info_in(func, "start_zv_log_service echo 3 3 1 3 > /proc/sys/kernel/printk\n");
+    kmsg_set_console_level(func, kPrintkQuietCmd);
     return ERR_NONE;
 }

@@ -23,21 +23,22 @@
 static constexpr useconds_t kLaunchPauseUs = 100000;
 static constexpr char kDevNull[] = "/dev/null";
 
-// Puts the child's own out-of-memory adjustment to 0. A failure is traced and tolerated.
-static void launch_reset_oom_adj(void) {
+// Puts the child's own out-of-memory adjustment to 0. A failure is traced (under func, the launcher's
+// name) and tolerated.
+static void launch_reset_oom_adj(const char *func) {
     char text[64];
     snprintf(text, sizeof(text), "/proc/%d/oom_adj", static_cast<int>(getpid()));
-    trace_info("create_subprocess_ex text[%s]", text);
+    trace_info_in(func, "create_subprocess_ex text[%s]", text);
     int fdoo = open(text, O_WRONLY | O_CLOEXEC);
-    trace_info("create_subprocess_ex fdoo[%d]", fdoo);
+    trace_info_in(func, "create_subprocess_ex fdoo[%d]", fdoo);
     if (fdoo < 0) {
         int err = errno;
-        trace_info("create_subprocess_ex open(fdoo) error[%d-%s]", err, strerror(err));
+        trace_info_in(func, "create_subprocess_ex open(fdoo) error[%d-%s]", err, strerror(err));
         return;
     }
     if (write(fdoo, "0", 1) != 1) {
         int err = errno;
-        trace_info("create_subprocess_ex write(fdoo) error[%d-%s]", err, strerror(err));
+        trace_info_in(func, "create_subprocess_ex write(fdoo) error[%d-%s]", err, strerror(err));
     }
     close(fdoo);
 }
@@ -77,7 +78,7 @@ int create_subprocess_ex(int fd, const char *cmd, char **argv, int param_size, p
         dup2(fd, STDERR_FILENO);
         close(fd);
 
-        launch_reset_oom_adj();
+        launch_reset_oom_adj(__func__);
 
         if (!is_tcpdump) {
             // Group before user: once the user is dropped the group can no longer change.

@@ -29,16 +29,17 @@ static constexpr gid_t kLogDirGid = SA_AID_SHELL;
 static constexpr char kLogDirChmodCmd[] = "chmod 771 data/local/log";
 
 // Takes the next token as a count or size: its text into text (when it fits) and its value (strtol,
-// base 10). false, traced with the field's name and the slot, when the token is missing or too long.
-static bool log_config_number(char **save, const char *field, int slot, char *text, size_t text_size,
-                              int32_t *value) {
+// base 10). false, traced under func (the parser's name) with the field's name and the slot, when the
+// token is missing or too long.
+static bool log_config_number(const char *func, char **save, const char *field, int slot, char *text,
+                              size_t text_size, int32_t *value) {
     const char *token = strtok_r(nullptr, kLogConfigSep, save);
     if (token == nullptr) {
-        trace_info("Get Log File %s Failed. LogTypeID=I%d", field, slot);
+        trace_info_in(func, "Get Log File %s Failed. LogTypeID=I%d", field, slot);
         return false;
     }
     if (strlen(token) >= text_size) {
-        trace_info("Log File %s[%s] too long. LogTypeID=I%d", field, token, slot);
+        trace_info_in(func, "Log File %s[%s] too long. LogTypeID=I%d", field, token, slot);
         return false;
     }
     memcpy(text, token, strlen(token) + 1);
@@ -74,9 +75,9 @@ long parse_zv_log_config(char *value) {
         snprintf(svc->type, sizeof(svc->type), "%s", token);
         svc->type_id = i + 1;
 
-        if (!log_config_number(&save, "Num", i + 1, svc->file_num, sizeof(svc->file_num),
+        if (!log_config_number(__func__, &save, "Num", i + 1, svc->file_num, sizeof(svc->file_num),
                                &svc->file_num_val) ||
-            !log_config_number(&save, "Size", i + 1, svc->file_size, sizeof(svc->file_size),
+            !log_config_number(__func__, &save, "Size", i + 1, svc->file_size, sizeof(svc->file_size),
                                &svc->file_size_val))
             return ERR_UNKNOWN;
 

@@ -25,9 +25,9 @@ long start_zv_log_service(sa_log_svc_st *svc) {
                static_cast<long>(svc->file_size_val));
     switch (svc->type_id) {
         case SA_LOG_SVC_KMSG:
-            return start_kmsg_log_service(svc);
+            return start_kmsg_log_service(__func__, svc);
         case SA_LOG_SVC_IPDATA:
-            return start_ipdata_log_service(svc);
+            return start_ipdata_log_service(__func__, svc);
         default:
             return ERR_NONE;
     }

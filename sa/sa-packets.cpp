@@ -70,45 +70,42 @@ static bool ipdata_find_tcpdump(char *tcpdump, size_t size) {
     return true;
 }
 
-long start_ipdata_log_service(sa_log_svc_st *svc) {
-    trace_func();
-    if (svc == nullptr) {
-        trace_info("Invalid param.");
-        return ERR_UNKNOWN;
-    }
+long start_ipdata_log_service(const char *func, sa_log_svc_st *svc) {
     if (svc->file_num_val == 0 || svc->file_size_val == 0) {
         svc->svc_pid = 0;
-        trace_info("start_zv_log_service need no ipdata");
+        trace_info_in(func, "start_zv_log_service need no ipdata");
         return ERR_NONE;
     }
     char tcpdump[256];
     if (!ipdata_find_tcpdump(tcpdump, sizeof(tcpdump))) {
-        trace_info("start_zv_log_service no tcpdump exit");
+        trace_info_in(func, "start_zv_log_service no tcpdump exit");
         return ERR_CALL_C_FUNCTION;
     }
-    trace_info("start_zv_log_service tcpdump[%s]", tcpdump);
+    trace_info_in(func, "start_zv_log_service tcpdump[%s]", tcpdump);
 
     // tcpdump numbers its ring files itself: "ipdata.pcap0" is the first one.
     char pcap_file[128];
     char first_file[128];
     if (snprintf(pcap_file, sizeof(pcap_file), "%s%s", g_log_path_a, kPcapFileName) >=
         static_cast<int>(sizeof(pcap_file)))
-        trace_info("start_zv_log_service pcap file cut[%s]", pcap_file);
+        trace_info_in(func, "start_zv_log_service pcap file cut[%s]", pcap_file);
     if (snprintf(first_file, sizeof(first_file) - 1, "%s0", pcap_file) >=
         static_cast<int>(sizeof(first_file) - 1))
-        trace_info("start_zv_log_service pcap file cut[%s]", first_file);
+        trace_info_in(func, "start_zv_log_service pcap file cut[%s]", first_file);
     if (access(first_file, F_OK) != 0) {
         int fd = open(first_file, O_WRONLY | O_CREAT | O_CLOEXEC, kPcapFileMode);
-        trace_info("start_zv_log_service IPDATA open(%s) fd[%d]", first_file, fd);
+        trace_info_in(func, "start_zv_log_service IPDATA open(%s) fd[%d]", first_file, fd);
         if (fd >= 0) close(fd);
     }
     if (chown(first_file, SA_AID_SHELL, SA_AID_LOG) != 0) {
         int err = errno;
-        trace_info("start_zv_log_service IPDATA chown(%s) error[%d-%s]", first_file, err, strerror(err));
+        trace_info_in(func, "start_zv_log_service IPDATA chown(%s) error[%d-%s]", first_file, err,
+                      strerror(err));
     }
     if (chmod(first_file, kPcapFileMode) != 0) {
         int err = errno;
-        trace_info("start_zv_log_service IPDATA chmod(%s) error[%d-%s]", first_file, err, strerror(err));
+        trace_info_in(func, "start_zv_log_service IPDATA chmod(%s) error[%d-%s]", first_file, err,
+                      strerror(err));
     }
 
     int file_size_mb = sa_ipdata_file_size_mb(svc->file_size_val);
@@ -116,9 +113,9 @@ long start_ipdata_log_service(sa_log_svc_st *svc) {
     char count_a[10];
     if (snprintf(size_a, sizeof(size_a), "%d", file_size_mb) >= static_cast<int>(sizeof(size_a)) ||
         snprintf(count_a, sizeof(count_a), "%d", svc->file_num_val) >= static_cast<int>(sizeof(count_a)))
-        trace_info("start_zv_log_service argument cut -C[%s] -W[%s]", size_a, count_a);
-    trace_info("start_zv_log_service command[tcpdump -p -v -s 0 -i any -w %s -C %d -W %d]", pcap_file,
-               file_size_mb, svc->file_num_val);
+        trace_info_in(func, "start_zv_log_service argument cut -C[%s] -W[%s]", size_a, count_a);
+    trace_info_in(func, "start_zv_log_service command[tcpdump -p -v -s 0 -i any -w %s -C %d -W %d]",
+                  pcap_file, file_size_mb, svc->file_num_val);
 
     // execvp takes the vector as non-const but never writes through it.
     char *argv[kTcpdumpArgc] = {const_cast<char *>("tcpdump"),
@@ -136,13 +133,13 @@ long start_ipdata_log_service(sa_log_svc_st *svc) {
                                 count_a,
                                 nullptr};
     int pid = sa_create_subproc_thread(tcpdump, argv, kTcpdumpArgc);
-    trace_info("start_zv_log_service svc_pid[%d]", pid);
+    trace_info_in(func, "start_zv_log_service svc_pid[%d]", pid);
     if (pid > 0) {
         svc->svc_pid = pid;
         return ERR_NONE;
     }
     svc->svc_pid = 0;
-    trace_info("start_zv_log_service create IPDATA subprocess failed");
+    trace_info_in(func, "start_zv_log_service create IPDATA subprocess failed");
     return ERR_UNKNOWN;
 }
 

@@ -43,13 +43,6 @@ static constexpr const char *kFamilyStopLines[] = {
     "setprop ctl.stop zv-qel-mla4", "setprop ctl.stop zv-qel-mla5",
 };
 
-// A message both as a structured record and as a line of sa.log under the handler's name.
-#define svc_trace(func, ...)                     \
-    do {                                         \
-        trace_info(__VA_ARGS__);                 \
-        sa_trace_file_line((func), __VA_ARGS__); \
-    } while (0)
-
 // Runs each line with system(); the companions are fire-and-forget, so statuses are dropped.
 static void run_lines_ignoring_status(const char *const *lines, size_t count) {
     for (size_t i = 0; i < count; ++i) {
@@ -65,10 +58,10 @@ static long start_elog_by_property(const char *func) {
     for (int attempt = 0; attempt < kElogAttempts; ++attempt) {
         ret_val = property_set(kElogProperty, "1");
         if (ret_val == 0) {
-            svc_trace(func, "property_set:ril.zv.elog.state successfully");
+            trace_both_in(func, "property_set:ril.zv.elog.state successfully");
             break;
         }
-        svc_trace(func, "property_set:ril.zv.elog.state faild");
+        trace_both_in(func, "property_set:ril.zv.elog.state faild");
         usleep(kElogPauseUs);
     }
     return ret_val;
@@ -77,9 +70,9 @@ static long start_elog_by_property(const char *func) {
 // Traces the request and parses its quoted name into name (SA_SERVICE_NAME_SIZE bytes); a request
 // without a usable name gets its verdict traced. 0, or -1 when the name is refused.
 static long service_request_parse(const char *func, const char *param, char *name) {
-    svc_trace(func, "req[%s]", param);
+    trace_both_in(func, "req[%s]", param);
     if (sa_service_name_parse(param, name, nullptr) == 0) return 0;
-    svc_trace(func, "service[%s] sa_err[%ld]", name, -1L);
+    trace_both_in(func, "service[%s] sa_err[%ld]", name, -1L);
     return -1;
 }
 
@@ -97,7 +90,7 @@ static int service_poll(const char *func, const char *name, int polls, int want_
         sleep(1);
         int is_running = 0;
         service_lookup(name, &is_running, pid);
-        svc_trace(func, "is_run[%d]", is_running);
+        trace_both_in(func, "is_run[%d]", is_running);
         if (is_running == want_running) return tries;
     }
     return -1;
@@ -105,8 +98,8 @@ static int service_poll(const char *func, const char *name, int polls, int want_
 
 // Traces the verdict of a start or stop and answers OK for 0, ERROR -1 otherwise.
 static long service_answer(const char *func, int fd, sa_msg_st *rsp, const char *name, long sa_err) {
-    trace_info("%s \"%s\" sa_err: %ld", func, name, sa_err);
-    svc_trace(func, "service[%s] sa_err[%ld]", name, sa_err);
+    trace_info_in(func, "%s \"%s\" sa_err: %ld", func, name, sa_err);
+    trace_both_in(func, "service[%s] sa_err[%ld]", name, sa_err);
     if (sa_err == 0) return send_rsp_ok(fd, rsp);
     return send_rsp_err(fd, rsp, SA_RSP_ERR_CODE);
 }
@@ -121,9 +114,9 @@ long handle_sa_query_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const c
     int is_running = 0;
     int pid = 0;
     service_lookup(name, &is_running, &pid);
-    svc_trace(__func__, "is_run[%d]", is_running);
+    trace_both("is_run[%d]", is_running);
     long ret_val = send_rsp_text(fd, rsp, "\r\nQUERY_SERVICE: %d\r\n\r\nOK\r\n", is_running);
-    svc_trace(__func__, "service[%s] sa_err[%ld]", name, 0L);
+    trace_both("service[%s] sa_err[%ld]", name, 0L);
     return ret_val;
 }
 
@@ -138,7 +131,7 @@ long handle_sa_start_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const c
     int is_running = 0;
     int pid = 0;
     service_lookup(name, &is_running, &pid);
-    svc_trace(__func__, "is_run[%d]", is_running);
+    trace_both("is_run[%d]", is_running);
     // Already there: nothing is sent to init, not even the companions.
     if (is_running) return service_answer(__func__, fd, rsp, name, 0);
 
@@ -155,10 +148,10 @@ long handle_sa_start_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const c
     } else {
         ret_val = start_elog_by_property(__func__);
     }
-    svc_trace(__func__, "ret_val[%ld]", ret_val);
+    trace_both("ret_val[%ld]", ret_val);
     if (ret_val != 0) {
         // The request never reached init (or the property): there is nothing to wait for.
-        svc_trace(__func__, "error to exec: %s", cmd);
+        trace_both("error to exec: %s", cmd);
         return service_answer(__func__, fd, rsp, name, -1);
     }
 
@@ -186,7 +179,7 @@ long handle_sa_stop_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const ch
     int is_running = 0;
     int pid = 0;
     service_lookup(name, &is_running, &pid);
-    svc_trace(__func__, "is_run[%d] pid[%d]", is_running, pid);
+    trace_both("is_run[%d] pid[%d]", is_running, pid);
     // Stopping a stopped service is a success.
     if (!is_running) return service_answer(__func__, fd, rsp, name, 0);
 
@@ -197,12 +190,12 @@ long handle_sa_stop_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const ch
     if (kill(pid, SIGTERM) != 0) {
         int err = errno;
         long ret_val = ERR_UNKNOWN;
-        svc_trace(__func__, "error to exec: kill(%d, SIGTERM), ret_val=%ld, errno=%d", pid, ret_val, err);
+        trace_both("error to exec: kill(%d, SIGTERM), ret_val=%ld, errno=%d", pid, ret_val, err);
         trace_err_code(ERR_CALL_C_FUNCTION);
-        svc_trace(__func__, "ret_val[%ld]", ret_val);
+        trace_both("ret_val[%ld]", ret_val);
         return service_answer(__func__, fd, rsp, name, -1);
     }
-    svc_trace(__func__, "ret_val[%ld]", 0L);
+    trace_both("ret_val[%ld]", 0L);
 
     long sa_err = -1;
     int gone = service_poll(__func__, name, kStopPolls, 0, &pid);

@@ -65,12 +65,13 @@ long write_setting(void) {
     return ERR_NONE;
 }
 
-// Parses a set argument into 0 or 1; false (traced, -118 logged) for anything else.
-static bool switch_parse(const char *param, uint8_t *on) {
+// Parses a set argument into 0 or 1; false for anything else, traced (-118 logged) under the handler's
+// name func.
+static bool switch_parse(const char *func, const char *param, uint8_t *on) {
     int value = 255;
     if (sa_parse_switch_value(param, &value) != 1 || static_cast<unsigned>(value) > 1) {
-        trace_info("error to sscanf(\"%s\")", param);
-        trace_err_code(ERR_CALL_C_FUNCTION);
+        trace_info_in(func, "error to sscanf(\"%s\")", param);
+        trace_err_code_in(func, ERR_CALL_C_FUNCTION);
         return false;
     }
     *on = static_cast<uint8_t>(value);
@@ -87,7 +88,7 @@ long handle_sa_kernel_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char
     trace_func();
     SA_CHECK_HANDLER_ARGS(fd, req, rsp, param);
     uint8_t on = 0;
-    if (!switch_parse(param, &on)) return send_rsp_err(fd, rsp, SA_RSP_ERR_CODE);
+    if (!switch_parse(__func__, param, &on)) return send_rsp_err(fd, rsp, SA_RSP_ERR_CODE);
     if (on == g_sa_handle_ctx.m_kernel_log_on) return send_rsp_ok(fd, rsp);
 
     g_sa_handle_ctx.m_kernel_log_on = on;
@@ -108,25 +109,26 @@ long handle_sa_kernel_log_read(int fd, sa_msg_st *req, sa_msg_st *rsp, const cha
     return send_rsp_text(fd, rsp, "\r\nKERNEL_LOG: %d\r\n\r\nOK\r\n", g_sa_handle_ctx.m_kernel_log_on);
 }
 
-// Moves the dmesg files up by one generation and starts one snapshot in the background.
-static void switch_dmesg_snapshot(void) {
+// Moves the dmesg files up by one generation and starts one snapshot in the background, traced under
+// the handler's name func.
+static void switch_dmesg_snapshot(const char *func) {
     remove(kDmesgFile3);
     rename(kDmesgFile2, kDmesgFile3);
     rename(kDmesgFile1, kDmesgFile2);
     rename(kDmesgFile, kDmesgFile1);
     int status = system(kDmesgSnapshotCmd);
-    trace_info("handle_sa_dmesg_log_set system(%s) status[%d]", kDmesgSnapshotCmd, status);
+    trace_info_in(func, "handle_sa_dmesg_log_set system(%s) status[%d]", kDmesgSnapshotCmd, status);
 }
 
 long handle_sa_dmesg_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param) {
     trace_func();
     SA_CHECK_HANDLER_ARGS(fd, req, rsp, param);
     uint8_t on = 0;
-    if (!switch_parse(param, &on)) return send_rsp_err(fd, rsp, SA_RSP_ERR_CODE);
+    if (!switch_parse(__func__, param, &on)) return send_rsp_err(fd, rsp, SA_RSP_ERR_CODE);
     if (on == g_sa_handle_ctx.m_dmesg_log_on) return send_rsp_ok(fd, rsp);
 
     g_sa_handle_ctx.m_dmesg_log_on = on;
-    if (on == 1) switch_dmesg_snapshot();
+    if (on == 1) switch_dmesg_snapshot(__func__);
     return switch_record_and_answer(fd, rsp);
 }
 
