@@ -3,6 +3,9 @@
 // is written back, and after the peer's acknowledgement "shell:" requests get a shell on it (with the
 // text after "shell:" as its -c command when there is one). Requests are served one after another; a
 // peer that never acknowledges holds only this loop, never the command channel.
+//
+// Every step leaves a record and an sa.log line of the same text; only the failures and the two ends of
+// the loop write a different, shorter line.
 #define SA_TRACE_SRC "sa/sa-listener"
 #include "sa-listener.h"
 
@@ -21,11 +24,11 @@ static constexpr size_t kShellPrefixLen = sizeof(kShellPrefix) - 1;
 
 int open_ptm_connection(int fd) {
     trace_func();
-    trace_info("open_ptm_connection fd1[%d]", fd);
+    trace_both("open_ptm_connection fd1[%d]", fd);
     char name[128];
     memset(name, 0, sizeof(name));
     int conn = open_ptm(name);
-    trace_info("open_ptm_connection fd[%d]", conn);
+    trace_both("open_ptm_connection fd[%d]", conn);
     if (conn < 0) {
         int err = errno;
         trace_info("open_ptm_connection open_ptm failed");
@@ -34,13 +37,13 @@ int open_ptm_connection(int fd) {
     }
 
     ssize_t size = write(fd, name, strlen(name));
-    trace_info("open_ptm_connection write size[%d]", static_cast<int>(size));
+    trace_both("open_ptm_connection write size[%d]", static_cast<int>(size));
 
     // Any read of 0 or more bytes is the peer's acknowledgement; its content is not looked at.
     char reply[512];
     memset(reply, 0, sizeof(reply));
     size = read(fd, reply, sizeof(reply));
-    trace_info("open_ptm_connection read size[%d]", static_cast<int>(size));
+    trace_both("open_ptm_connection read size[%d]", static_cast<int>(size));
     if (size < 0) {
         int err = errno;
         close(conn);
@@ -52,13 +55,13 @@ int open_ptm_connection(int fd) {
 
 int handle_service(int fd, const char *service) {
     trace_func();
-    trace_info("handle_service fd[%d] name[%s]", fd, service);
+    trace_both("handle_service fd[%d] name[%s]", fd, service);
     int ret = -1;
     if (strncmp(service, kShellPrefix, kShellPrefixLen) == 0) {
         const char *command = service + kShellPrefixLen;
         ret = create_subproc_thread(fd, command[0] == '\0' ? nullptr : command);
     }
-    trace_info("handle_service ret[%d]", ret);
+    trace_both("handle_service ret[%d]", ret);
     if (ret < 0) {
         close(fd);
     } else {
@@ -75,27 +78,28 @@ void sa_listener_loop(void) {
     strncpy(listener_name, kListenerName, sizeof(listener_name) - 1);
 
     int fd = open_ptm(listener_name);
-    trace_info("sa_listener_loop fd[%d]", fd);
+    trace_both("sa_listener_loop fd[%d]", fd);
     if (fd > 0) {
         char service[1024];
         while (true) {
             memset(service, 0, sizeof(service));
             ssize_t size = read(fd, service, sizeof(service) - 1);
-            trace_info("sa_listener_loop size[%d] service[%s]", static_cast<int>(size), service);
+            int read_err = errno;  // the traces below may change errno
+            trace_both("sa_listener_loop size[%d] service[%s]", static_cast<int>(size), service);
             if (size < 0) {
-                if (errno != EIO) {
-                    trace_info("sa_listener_loop exit while");
+                if (read_err != EIO) {
+                    trace_both("sa_listener_loop exit while");
                     break;
                 }
                 // The peer closed its side: a fresh pty under the same name.
                 close_ptm(fd, listener_name);
                 fd = open_ptm(listener_name);
-                trace_info("sa_listener_loop reopen fd[%d]", fd);
+                trace_both("sa_listener_loop reopen fd[%d]", fd);
                 if (fd < 0) break;
                 continue;
             }
             service[size] = '\0';
-            trace_info("sa_listener_loop service[%s]", service);
+            trace_both("sa_listener_loop service[%s]", service);
 
             if (strcmp(service, "host:kill") == 0) {
                 trace_info("sa_listener_loop exit(0)");
@@ -104,12 +108,13 @@ void sa_listener_loop(void) {
             }
 
             int fd_pair = open_ptm_connection(fd);
-            trace_info("sa_listener_loop fd_pair[%d]", fd_pair);
+            trace_both("sa_listener_loop fd_pair[%d]", fd_pair);
             if (fd_pair != -1) handle_service(fd_pair, service);
         }
     }
 
-    if (fd >= 0) close_ptm(fd, listener_name);
+    // Also when the listener never opened or its reopen failed: the link is dropped either way.
+    close_ptm(fd, listener_name);
     trace_info("sa_listener_loop exit loop");
     trace_file("exit");
 }

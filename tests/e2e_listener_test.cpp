@@ -280,6 +280,81 @@ TEST_F(ListenerTest, AnyRequestUpToTheReadLimitIsServedWithoutCrash) {
     close(s.slave);
 }
 
+// Whether some sa.log message begins with prefix.
+bool HasMessageStarting(const std::string &prefix) {
+    for (const auto &m : sa_log_messages())
+        if (m.rfind(prefix, 0) == 0) return true;
+    return false;
+}
+
+TEST_F(ListenerTest, EveryListenerStepLeavesItsSaLogLine) {
+    Connection c = Request("zv-unknown");
+    ASSERT_TRUE(poll_until([] { return HasMessageStarting("handle_service handle_service ret[-1]"); }, 10s))
+        << read_file(kSaLog);
+    close(c.slave);
+    for (const char *prefix : {
+             "sa_listener_loop sa_listener_loop fd[",
+             "sa_listener_loop sa_listener_loop size[10] service[zv-unknown]",
+             "sa_listener_loop sa_listener_loop service[zv-unknown]",
+             "open_ptm_connection open_ptm_connection fd1[",
+             "open_ptm_connection open_ptm_connection fd[",
+             "open_ptm_connection open_ptm_connection write size[",
+             "open_ptm_connection open_ptm_connection read size[2]",
+             "sa_listener_loop sa_listener_loop fd_pair[",
+             "handle_service handle_service fd[",
+         })
+        EXPECT_TRUE(HasMessageStarting(prefix)) << prefix;
+    // The peer hangs up: the reopen has its line too.
+    close(listener_);
+    listener_ = -1;
+    EXPECT_TRUE(
+        poll_until([] { return HasMessageStarting("sa_listener_loop sa_listener_loop reopen fd["); }, 10s))
+        << read_file(kSaLog);
+}
+
+// A non-empty folder where the listener's link belongs: no link can be made there.
+void BlockListenerName() {
+    unlink(kListenerLink);
+    make_dirs(std::string(kListenerLink) + "/blocked");
+}
+
+void UnblockListenerName() {
+    rmdir((std::string(kListenerLink) + "/blocked").c_str());
+    rmdir(kListenerLink);
+}
+
+TEST_F(ListenerTest, FailedReopenStillClosesTheListenerNameAndEndsTheLoop) {
+    BlockListenerName();
+    // The open client keeps the old slave; closing it makes the daemon's read fail with EIO.
+    close(listener_);
+    listener_ = -1;
+    int status = wait_exit(daemon_.pid, 20s);
+    UnblockListenerName();
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    const std::string records = read_file(kLogClientFile);
+    EXPECT_NE(std::string::npos, records.find("sa_listener_loop reopen fd[-1]")) << records;
+    EXPECT_NE(std::string::npos, records.find("close_ptm fd[-1] symname[/dev/ttysa1]")) << records;
+    EXPECT_NE(std::string::npos, records.find("sa_listener_loop exit loop"));
+    EXPECT_GE(find_message(sa_log_messages(), "sa_listener_loop exit"), 0);
+    if (status != -1) daemon_.pid = -1;  // reaped: nothing left for the tear-down to kill
+}
+
+TEST(ListenerStartup, ListenerThatCannotOpenStillClosesItsNameAndTheDaemonEnds) {
+    prepare_data();
+    write_file("/system/etc/zv-qel-sa.cfg", std::string("zv.tty.cmd=") + kCmdLink + "\n");
+    BlockListenerName();
+    Daemon d = start_daemon();
+    int status = wait_exit(d.pid, 20s);
+    UnblockListenerName();
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    if (!WIFEXITED(status)) kill_and_reap(d.pid);
+    const std::string records = read_file(kLogClientFile);
+    EXPECT_NE(std::string::npos, records.find("sa_listener_loop fd[-1]")) << records;
+    EXPECT_NE(std::string::npos, records.find("close_ptm fd[-1] symname[/dev/ttysa1]")) << records;
+    EXPECT_NE(std::string::npos, records.find("sa_listener_loop exit loop"));
+    EXPECT_GE(find_message(sa_log_messages(), "sa_listener_loop sa_listener_loop fd[-1]"), 0);
+}
+
 TEST(ListenerStartup, ExistingFileAtTheLinkNameIsReplaced) {
     write_file(kListenerLink, "not a link");
     Daemon d = start_daemon_with_links();
