@@ -372,7 +372,8 @@ static void log_build_dir() {
     }
     while (len >= 2 && dir[len - 2] == '/') dir[--len] = '\0';
     size_t name_len = strlen(name);
-    if (name_len == 0 || name_len + 4 > sizeof(g_log_module.m_dir_a) - 1 - len) return;
+    // An empty name (unreadable, or argv[0] is "") still gets its folder: "<dir>/-log".
+    if (name_len + 4 > sizeof(g_log_module.m_dir_a) - 1 - len) return;
     snprintf(dir + len, sizeof(g_log_module.m_dir_a) - len, "%s-log", name);
     g_log_module.m_dir_ready = 1;
 }

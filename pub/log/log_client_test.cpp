@@ -220,6 +220,12 @@ bool WaitBlocked(const std::atomic<pid_t> &tid) {
 // Re-executed copies of this binary run one check under a chosen argv[0] before gtest starts.
 int ChildHook() {
     const char *mode = getenv("ZV_LOG_CLIENT_TEST_CHILD");
+    if (mode != nullptr && strcmp(mode, "empty-name") == 0) {
+        // argv[0] is "": the client's folder is "-log" under the directory set here.
+        sfw_log_set_path("/data/local/log/empty");
+        sfw_log_start(1, "child");
+        _exit(log_obj.m_fp != nullptr ? 42 : 1);
+    }
     if (mode == nullptr || strcmp(mode, "name-ends-in-slash") != 0) return 0;
     sfw_log_set_path("/data/local/log/child");
     sfw_log_start(1, "child");
@@ -900,9 +906,29 @@ TEST(LogClientFault, GetProcessNameEndingInSlashRefused) {
     ASSERT_TRUE(WaitChild(pid, &status, 20));
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(42, WEXITSTATUS(status));
-    std::string text = Slurp("/data/local/log/child/log_internal.log");
+    // The name reads back empty, so the client keeps its files in "<dir>/-log".
+    std::string text = Slurp("/data/local/log/child/-log/log_internal.log");
     EXPECT_NE(std::string::npos, text.find("log/log_client -> get_process_name -> ")) << text;
     EXPECT_NE(std::string::npos, text.find(" -> can not get valid name from \"/data/weird/\".\n")) << text;
+}
+
+TEST(LogClientFault, EmptyProcessNameStillGetsItsDashLogFolder) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        setenv("ZV_LOG_CLIENT_TEST_CHILD", "empty-name", 1);
+        char arg0[] = "";
+        char *argv[] = {arg0, nullptr};
+        execv("/proc/self/exe", argv);
+        _exit(2);
+    }
+    int status = 0;
+    ASSERT_TRUE(WaitChild(pid, &status, 20));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(42, WEXITSTATUS(status));
+    struct stat st;
+    EXPECT_EQ(0, stat("/data/local/log/empty/-log/child.log", &st)) << "the records land in \"<dir>/-log\"";
+    EXPECT_NE(0, stat("/data/local/log/empty/child.log", &st)) << "not in the bare directory";
 }
 
 TEST(LogClientFault, InternalErrorLineHasTimeAndEightBlanksAndIsBounded) {
