@@ -8,8 +8,11 @@
 // pthread_exit wherever it is. A thread that ends while it holds the log client's mutex or a stdio lock
 // would leave them locked for everyone, so a reader keeps SIGUSR1 blocked whenever it traces and lets it
 // through only while it copies (read, write, seek). It is created with SIGUSR1 already blocked, so a stop
-// that arrives before the copy begins waits until the reader can leave safely. Its descriptors are left
-// open when it is stopped this way.
+// that arrives before the copy begins waits until the reader can leave safely. Its two descriptors are
+// closed by the destructor of the reader's thread-specific key, which both C libraries run on every
+// thread end, pthread_exit included: the handset's C library runs no C++ destructors on pthread_exit,
+// and on glibc a pthread_cleanup_push frame in C++ is a destructor that the forced unwind cannot reach
+// through the loop's no-throw system calls.
 #define SA_TRACE_SRC "sa/sa-kmsg"
 #include <errno.h>
 #include <fcntl.h>
@@ -100,6 +103,9 @@ struct kmsg_reader_st {
     pthread_t m_id;
     kmsg_reader_st *m_prev;
     kmsg_reader_st *m_next;
+    // /proc/kmsg and kmsg.log while the reader copies, else -1; closed when the thread ends.
+    int m_fd_read;
+    int m_fd_write;
 };
 
 static pthread_mutex_t g_kmsg_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -112,9 +118,14 @@ static pthread_mutex_t g_kmsg_create_lock = PTHREAD_MUTEX_INITIALIZER;
 // A reader's own list entry; it outlives the thread's stack frames until the key's destructor has run.
 static thread_local kmsg_reader_st t_kmsg_self;
 
-// Destructor of the reader key: takes the ending reader out of the list.
+// Destructor of the reader key, run however the thread ends (its return, or pthread_exit from the stop
+// signal's handler): closes the reader's descriptors and takes it out of the list.
 static void kmsg_reader_ended(void *entry) {
     kmsg_reader_st *self = static_cast<kmsg_reader_st *>(entry);
+    if (self->m_fd_read >= 0) close(self->m_fd_read);
+    if (self->m_fd_write >= 0) close(self->m_fd_write);
+    self->m_fd_read = -1;
+    self->m_fd_write = -1;
     pthread_mutex_lock(&g_kmsg_lock);
     if (self->m_prev != nullptr) {
         self->m_prev->m_next = self->m_next;
@@ -158,6 +169,8 @@ void *read_kernel_log_loop(void *param) {
     t_kmsg_self.m_id = pthread_self();
     t_kmsg_self.m_prev = nullptr;
     t_kmsg_self.m_next = g_kmsg_readers;
+    t_kmsg_self.m_fd_read = -1;
+    t_kmsg_self.m_fd_write = -1;
     if (g_kmsg_readers != nullptr) g_kmsg_readers->m_prev = &t_kmsg_self;
     g_kmsg_readers = &t_kmsg_self;
     pthread_setspecific(g_kmsg_reader_key, &t_kmsg_self);
@@ -223,6 +236,9 @@ void *read_kernel_log_loop(void *param) {
 
     const uint32_t limit = file_size_val * 1024u;
     uint32_t count = 0;
+    // From here the thread's end closes both, also when the stop signal ends it inside the loop.
+    t_kmsg_self.m_fd_read = fd_r;
+    t_kmsg_self.m_fd_write = fd_w;
     kmsg_allow_stop(true);
     for (;;) {
         memset(buf_a, 0, sizeof(buf_a));
@@ -255,10 +271,8 @@ void *read_kernel_log_loop(void *param) {
         kmsg_loop_trace("read_kernel_log_loop read errno[%d-%s]", err, strerror(err));
         if (err == EAGAIN || err == EINTR) continue;
         kmsg_allow_stop(false);
-        close(fd_r);
-        close(fd_w);
         trace_info("read_kernel_log_loop exit thread");
-        return nullptr;
+        return nullptr;  // the thread's end closes both descriptors
     }
 }
 

@@ -235,6 +235,27 @@ TEST_F(KmsgTest, ConcurrencyStopEndsTheReaderEvenRightAfterItsStart) {
     EXPECT_TRUE(poll_until([&] { return thread_count() == baseline_threads_; }, 5s));
 }
 
+// A reader stopped by SIGUSR1 while it copies closes /proc/kmsg and kmsg.log on its way out: switching
+// the kernel log on and off for months must not use up the daemon's descriptors.
+TEST_F(KmsgTest, StoppedReaderGivesBackBothDescriptors) {
+    ConfigureKmsg(2, 10);
+    const int baseline_fds = zvtest::count_fds(getpid());
+    for (int i = 0; i < 20; ++i) {
+        pthread_t tid = 0;
+        ASSERT_EQ(0, sa_kmsg_create_reader(&tid));
+        // In the copy loop, where the stop may reach it.
+        ASSERT_TRUE(
+            poll_until([] { return log_find("read_kernel_log_loop buf_a[") != std::string::npos; }, 5s));
+        EXPECT_EQ(0, sa_kmsg_stop_reader(&tid));
+        ASSERT_TRUE(poll_until([&] { return thread_count() == baseline_threads_; }, 5s)) << i;
+    }
+    EXPECT_EQ(baseline_fds, zvtest::count_fds(getpid()));
+    // The ended readers read nothing more: the ring's bytes stay unread in the FIFO.
+    const long long size = file_size(kBase);
+    Feed("after the last stop\n");
+    EXPECT_FALSE(poll_until([&] { return file_size(kBase) != size; }, 300ms));
+}
+
 // An ended reader's id may be reused by any new thread; it must never be signalled again.
 TEST_F(KmsgTest, ConcurrencyEndedReaderIdIsNeverSignalledAgain) {
     ConfigureKmsg(2, 10);
