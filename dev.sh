@@ -55,13 +55,13 @@ case "$cmd" in
     fuzz)
         install_deps
         seconds=${1:-60}
-        targets="cmd_req_fuzz cfg_line_fuzz"
+        targets="zv-fuzz"
         build build-fuzz -DZV_SANITIZE=fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
         for target in build-fuzz/fuzz/*_fuzz; do
             name=$(basename "$target")
             mkdir -p "build-fuzz/corpus/$name"
             echo "dev.sh: fuzzing $name for $seconds s"
-            sim/zv-handset run --build build-fuzz -- "$PWD/$target" -max_total_time="$seconds" -max_len=512 \
+            sim/zv-handset run --build build-fuzz -- "$PWD/$target" -max_total_time="$seconds" -max_len=1100 \
                 "$PWD/build-fuzz/corpus/$name" "$PWD/fuzz/corpus/$name" 2>&1 | tail -n 3
             [ "${PIPESTATUS[0]}" = 0 ] || { echo "dev.sh: $name failed"; exit 1; }
         done

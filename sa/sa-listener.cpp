@@ -22,6 +22,15 @@ static constexpr char kListenerName[] = "/dev/ttysa1";
 static constexpr char kShellPrefix[] = "shell:";
 static constexpr size_t kShellPrefixLen = sizeof(kShellPrefix) - 1;
 
+sa_listener_request_kind sa_listener_request(const char *request, const char **command) {
+    *command = nullptr;
+    if (strcmp(request, "host:kill") == 0) return SA_LISTENER_KILL;
+    if (strncmp(request, kShellPrefix, kShellPrefixLen) != 0) return SA_LISTENER_UNKNOWN;
+    const char *text = request + kShellPrefixLen;
+    if (text[0] != '\0') *command = text;
+    return SA_LISTENER_SHELL;
+}
+
 int open_ptm_connection(int fd) {
     trace_func();
     trace_both("open_ptm_connection fd1[%d]", fd);
@@ -57,10 +66,8 @@ int handle_service(int fd, const char *service) {
     trace_func();
     trace_both("handle_service fd[%d] name[%s]", fd, service);
     int ret = -1;
-    if (strncmp(service, kShellPrefix, kShellPrefixLen) == 0) {
-        const char *command = service + kShellPrefixLen;
-        ret = create_subproc_thread(fd, command[0] == '\0' ? nullptr : command);
-    }
+    const char *command = nullptr;
+    if (sa_listener_request(service, &command) == SA_LISTENER_SHELL) ret = create_subproc_thread(fd, command);
     trace_both("handle_service ret[%d]", ret);
     if (ret < 0) {
         close(fd);
@@ -101,7 +108,8 @@ void sa_listener_loop(void) {
             service[size] = '\0';
             trace_both("sa_listener_loop service[%s]", service);
 
-            if (strcmp(service, "host:kill") == 0) {
+            const char *command = nullptr;
+            if (sa_listener_request(service, &command) == SA_LISTENER_KILL) {
                 trace_info("sa_listener_loop exit(0)");
                 trace_file("host:kill exit");
                 exit(0);
