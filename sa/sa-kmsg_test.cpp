@@ -237,7 +237,7 @@ TEST_F(KmsgTest, ConcurrencyStopEndsTheReaderEvenRightAfterItsStart) {
 
 // A reader stopped by SIGUSR1 while it copies closes /proc/kmsg and kmsg.log on its way out: switching
 // the kernel log on and off for months must not use up the daemon's descriptors.
-TEST_F(KmsgTest, StoppedReaderGivesBackBothDescriptors) {
+TEST_F(KmsgTest, ConcurrencyStoppedReaderGivesBackBothDescriptors) {
     ConfigureKmsg(2, 10);
     const int baseline_fds = zvtest::count_fds(getpid());
     for (int i = 0; i < 20; ++i) {
