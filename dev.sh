@@ -4,6 +4,7 @@
 #   ./dev.sh test [--asan|--tsan] [CTEST ARGS...]  install what is missing, build, run every test
 #   ./dev.sh sim                                   install, build, boot the simulated handset
 #   ./dev.sh fuzz [SECONDS]                        build the fuzz targets (clang) and run each in a handset
+#   ./dev.sh handset-check [--self-test]           compile for the handset, check Android.bp/.mk and the .rc
 #   ./dev.sh deps                                  install the packages only
 #
 # Tests and the simulated handset need root (or unprivileged user namespaces) for bubblewrap.
@@ -13,9 +14,13 @@ cd "$(dirname "$0")"
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
           bubblewrap busybox tcpdump)
 
+# What the handset checks need on top (checks/handset-check.sh).
+handset_packages=(clang-14 libc++-14-dev golang-go golang-android-soong-dev golang-github-google-blueprint-dev
+                  golang-github-golang-protobuf-1-3-dev blueprint-tools soong python3)
+
 install_deps() {
     local missing=()
-    for p in "${packages[@]}"; do
+    for p in "${packages[@]}" "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
@@ -66,6 +71,10 @@ case "$cmd" in
             [ "${PIPESTATUS[0]}" = 0 ] || { echo "dev.sh: $name failed"; exit 1; }
         done
         ;;
+    handset-check)
+        install_deps "${handset_packages[@]}"
+        exec checks/handset-check.sh "$@"
+        ;;
     sim)
         install_deps
         build build
@@ -74,7 +83,7 @@ case "$cmd" in
             --file sa/zv-qel-sa.cfg /system/etc/zv-qel-sa.cfg -- /bin/bash "$PWD/sim/session.sh"
         ;;
     *)
-        sed -n '2,9p' "$0" >&2
+        sed -n '2,10p' "$0" >&2
         exit 2
         ;;
 esac
