@@ -15,7 +15,7 @@
 // tear them.
 #include "log/log_client.h"
 
-#include "util/util.h"
+#include "owned/owned.h"
 
 #include <errno.h>
 #include <stdarg.h>

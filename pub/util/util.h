@@ -2,9 +2,9 @@
 //
 // Stopping a worker thread with SIGUSR1 and the handler such threads install, switching a descriptor
 // between blocking and non-blocking mode, the pid file under /tmp, the signal name table used in
-// traces, and the small move-only owners that the library and the daemon use for descriptors, streams
-// and directories inside a function. Every utility traces its entry and its outcome through the log
-// client.
+// traces. Every utility traces its entry and its outcome through the log client. The move-only owners of
+// descriptors, streams and directories live in owned/owned.h (included here for the daemon's files),
+// which depends on nothing of the library, so the log client can use them without depending on util.
 #ifndef ZV_PUB_UTIL_UTIL_H
 #define ZV_PUB_UTIL_UTIL_H
 
@@ -13,6 +13,8 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <unistd.h>
+
+#include "owned/owned.h"
 
 // One row of the signal table: number, name, action letter (T terminate, A abort with core, I ignore,
 // C continue, S stop, ? not defined) and description. Only the name is read by the code.
@@ -40,43 +42,5 @@ int pub_util_set_fd_mode(int fd, int is_nonblock);
 const char *pub_util_get_signal_name(int sig);
 // Writes the calling process's decimal pid and a newline to /tmp/<name>.pid.
 void pub_util_create_pid_file(const char *name);
-
-// Move-only owner of a resource handle: releases it on destruction unless release() handed it over.
-template <typename T, T kNone, int (*kClose)(T)>
-class pub_util_unique {
-   public:
-    pub_util_unique() = default;
-    explicit pub_util_unique(T h) : m_h(h) {}
-    pub_util_unique(const pub_util_unique &) = delete;
-    pub_util_unique &operator=(const pub_util_unique &) = delete;
-    pub_util_unique(pub_util_unique &&o) noexcept : m_h(o.release()) {}
-    pub_util_unique &operator=(pub_util_unique &&o) noexcept {
-        reset(o.release());
-        return *this;
-    }
-    ~pub_util_unique() { reset(); }
-
-    T get() const { return m_h; }
-    bool ok() const { return m_h != kNone; }
-    // Hands the handle to the caller; the owner is empty afterwards.
-    T release() {
-        T h = m_h;
-        m_h = kNone;
-        return h;
-    }
-    // Closes the current handle (if any) and takes h.
-    void reset(T h = kNone) {
-        if (m_h != kNone) kClose(m_h);
-        m_h = h;
-    }
-
-   private:
-    T m_h = kNone;
-};
-
-// Owners of a descriptor (none: -1), a stdio stream and a directory stream (none: nullptr).
-using pub_util_unique_fd = pub_util_unique<int, -1, close>;
-using pub_util_unique_file = pub_util_unique<FILE *, nullptr, fclose>;
-using pub_util_unique_dir = pub_util_unique<DIR *, nullptr, closedir>;
 
 #endif  // ZV_PUB_UTIL_UTIL_H
