@@ -10,8 +10,7 @@
 #include <string>
 
 #include "fuzz-setup.h"
-#include "sa-autostart.h"
-#include "sa-capture.h"
+#include "sa-args.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz_setup_logs();

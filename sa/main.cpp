@@ -14,6 +14,7 @@
 
 #include "sa-cfg.h"
 #include "sa-handle.h"
+#include "sa-handlers.h"
 #include "sa-listener.h"
 #include "sa-protect.h"
 #include "sa-signal.h"

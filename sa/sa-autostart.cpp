@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "sa-handle.h"
+#include "sa-handlers.h"
 #include "sa-trace.h"
 #include "util/util.h"
 
@@ -25,7 +26,6 @@ char auto_start_service_list[SA_AUTO_START_SLOTS][SA_SERVICE_NAME_SIZE];
 char auto_start_service_list_path[256];
 
 static_assert(sizeof(auto_start_service_list) == 400, "the list file is the 400-byte table image");
-static_assert(SA_SERVICE_NAME_SIZE == 40, "the name width in sa_service_name_parse is 39");
 
 // The service family that one list entry stands for at start-up.
 static constexpr char kFamilyEntry[] = "zv-qel-mla";
@@ -37,20 +37,6 @@ static constexpr const char *kFamilyStartLines[] = {
 // Trace words of the two changing modes.
 static const char *mode_word(int mode) {
     return mode == 1 ? "Enable" : "Disable";
-}
-
-long sa_service_name_parse(const char *param, char *name, const char **rest) {
-    memset(name, 0, SA_SERVICE_NAME_SIZE);
-    if (param == nullptr) return -1;
-    // %n after the closing quote is only reached when the quote matched, so a name of 40 or more
-    // characters (the width stops at 39) leaves end at 0 and is refused.
-    int end = 0;
-    if (sscanf(param, "\"%39[^\"]\"%n", name, &end) != 1 || end == 0) {
-        memset(name, 0, SA_SERVICE_NAME_SIZE);
-        return -1;
-    }
-    if (rest != nullptr) *rest = param + end;
-    return 0;
 }
 
 // Copies slot i into name (SA_SERVICE_NAME_SIZE + 1 bytes) so it is terminated even when full.

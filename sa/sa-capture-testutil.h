@@ -28,6 +28,7 @@
 #include "sa-capture.h"
 #include "harness.h"
 #include "sa-handle.h"
+#include "sa-handlers.h"
 #include "sa-trace.h"
 
 namespace sa_capture_test {

@@ -122,10 +122,6 @@ long start_zv_log_service(sa_log_svc_st *svc);
 // Stops every capture thread (SIGUSR1) and child (SIGKILL) recorded in the service table.
 void sa_kill_all_child_service_ex(void);
 
-// Reads a switch argument as a decimal int ("%d": leading blanks, a sign, digits; whatever follows is
-// left); 1 with *value set, or 0 when there is no number or it does not fit an int (*value unchanged).
-int sa_parse_switch_value(const char *param, int *value);
-
 // The settings file recording the three log switches.
 #define SA_SETTINGS_FILE "/data/zv-qel-sa.set"
 // Writes the three switch bytes to the settings file; 0 (also when it cannot be opened), -100 when

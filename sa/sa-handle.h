@@ -1,8 +1,9 @@
-// The command channel: the handler context, the request/response records, the command table and the
-// response functions shared by every command handler, and the start-up and teardown of the handlers.
+// The command channel: the handler context, the request/response records, the command table's row
+// type, the request grammar and the response functions shared by every command handler. The channel
+// knows the handlers only through a table of that type (sa-handlers.h holds the daemon's table).
 //
 // A client writes AT-style request lines ("SA+QUERY_SERVICE=\"zv-elog\"\r") into the slave of the
-// command pty; the command thread reads them from the master, dispatches them through sa_cmd_table and
+// command pty; the command thread reads them from the master, dispatches them through a command table and
 // answers on the same descriptor ("\r\nOK\r\n", "\r\nERROR: %ld\r\n", or an item line and OK). Every
 // handler runs on the command thread, one after the other, so handler state needs no lock.
 #ifndef ZV_SA_SA_HANDLE_H
@@ -35,7 +36,8 @@ struct sa_cmd_st {
     sa_cmd_handler_fn m_test;
 };
 
-// The ten commands in matching order, ended by an all-zero row.
+// The daemon's ten commands in matching order, ended by an all-zero row (defined with the handlers, in
+// sa-handlers.cpp).
 extern const sa_cmd_st sa_cmd_table[];
 
 // The one handler context, zeroed whole by sa_handle_init before any thread uses it.
@@ -69,12 +71,6 @@ long handle_sa_cmd_req(const sa_cmd_st *table, int fd, sa_msg_st *req, sa_msg_st
 // Body of the command thread: opens the endpoint and serves requests until the endpoint fails.
 void *sa_handle_read_cmd_loop(void *param);
 
-// Starts the auto-start services, zeroes the context, starts log capture when space allows, creates the
-// command thread, preserves panic dumps and prepares /data/local.prop. 0, or pthread_create's error.
-long sa_handle_init(void);
-// Closes the command endpoint (the command thread and capture are left running); pub_pty_close's result.
-long sa_handle_deinit(void);
-
 // Runs cmd with system() and traces its raw status ("PUB_UTIL_CALL_SYSTEM(%d, %s)", and on failure
 // "error(%d) to exec: %s" with code -118) under the caller's name. Returns the raw status.
 #define sa_call_system(cmd) sa_call_system_at(SA_TRACE_SRC, __LINE__, __func__, (cmd))
@@ -99,20 +95,6 @@ int sa_call_system_at(const char *src, unsigned line, const char *func, const ch
 
 // The error code every handler reports to the client, whatever went wrong inside.
 #define SA_RSP_ERR_CODE static_cast<uint32_t>(-1)
-
-// Command handlers, one row each of sa_cmd_table.
-long handle_sa_start_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_stop_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_query_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_auto_start_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_save_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_system_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_kernel_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_kernel_log_read(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_dmesg_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_dmesg_log_read(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_packets_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
-long handle_sa_delete_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
 
 // Runs a shell command line with system(), up to five attempts 500 ms apart; 0 when one run returned
 // status 0, -118 after five failures.

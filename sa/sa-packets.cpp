@@ -19,6 +19,8 @@
 #include <unistd.h>
 
 #include "sa-capture.h"
+#include "sa-args.h"
+#include "sa-handlers.h"
 #include "sa-trace.h"
 
 static constexpr char kPcapFileName[] = "/ipdata.pcap";

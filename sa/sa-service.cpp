@@ -19,8 +19,9 @@
 
 #include <cutils/properties.h>
 
-#include "sa-autostart.h"
+#include "sa-args.h"
 #include "sa-handle.h"
+#include "sa-handlers.h"
 #include "sa-trace.h"
 #include "sa-util.h"
 

@@ -9,6 +9,7 @@
 // No signal is blocked in any thread's mask: the children of system() would inherit the mask.
 #define SA_TRACE_SRC "sa/sa-signal"
 #include "sa-signal.h"
+#include "sa-handlers.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -12,7 +12,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "sa-args.h"
 #include "sa-capture.h"
+#include "sa-handlers.h"
 #include "sa-trace.h"
 
 // The dmesg snapshot and its older generations (.1 newest, .3 oldest).
@@ -21,16 +23,6 @@ static constexpr char kDmesgFile1[] = SA_LOG_DIR "/dmesg.log.1";
 static constexpr char kDmesgFile2[] = SA_LOG_DIR "/dmesg.log.2";
 static constexpr char kDmesgFile3[] = SA_LOG_DIR "/dmesg.log.3";
 static constexpr char kDmesgSnapshotCmd[] = "dmesg > " SA_LOG_DIR "/dmesg.log &";
-
-int sa_parse_switch_value(const char *param, int *value) {
-    if (param == nullptr || value == nullptr) return 0;
-    char *end = nullptr;
-    errno = 0;
-    long v = strtol(param, &end, 10);
-    if (end == param || errno == ERANGE || v < INT_MIN || v > INT_MAX) return 0;
-    *value = static_cast<int>(v);
-    return 1;
-}
 
 static const char *switch_yes_no(uint8_t on) {
     return on == 1 ? "Yes" : "No";

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "sa-handle.h"
+#include "sa-handlers.h"
 #include "sa-trace.h"
 
 static constexpr int kSysCommandAttempts = 5;

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "sa-handle.h"
+#include "sa-handlers.h"
 
 namespace svctest {
 
