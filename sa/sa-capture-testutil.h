@@ -11,6 +11,7 @@
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -166,7 +167,8 @@ inline bool process_running(pid_t pid) {
 }
 
 // Threads of this process. Some runtimes (ThreadSanitizer) add a helper thread of their own when the
-// first thread is created; settle_threads() makes that happen before a test takes its baseline.
+// first thread is created; settle_threads() makes that happen, and waits for its own thread to be gone,
+// before a test takes its baseline.
 inline int thread_count() {
     int n = 0;
     DIR *dir = opendir("/proc/self/task");
@@ -178,7 +180,12 @@ inline int thread_count() {
 }
 
 inline void settle_threads() {
-    std::thread([] {}).join();
+    pid_t tid = 0;
+    std::thread([&tid] { tid = static_cast<pid_t>(syscall(SYS_gettid)); }).join();
+    // Joined is not yet gone: under a user-mode emulator the thread's host thread outlives the join for a
+    // moment, and a baseline taken meanwhile would count it.
+    const std::string task = "/proc/self/task/" + std::to_string(tid);
+    poll_until([&] { return !file_exists(task); }, 2s);
 }
 
 // Leaves exactly free_kb KB (a multiple of the block size) available on /data with a preallocated filler.

@@ -36,21 +36,6 @@ class LaunchTest : public ::testing::Test {
     }
 };
 
-// Whether this sandbox lets a root process lower its own oom_adj (needs CAP_SYS_RESOURCE).
-bool CanLowerOomAdj() {
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open("/proc/self/oom_adj", O_WRONLY);
-        if (fd < 0 || write(fd, "15", 2) != 2) _exit(2);
-        close(fd);
-        fd = open("/proc/self/oom_adj", O_WRONLY);
-        _exit(fd >= 0 && write(fd, "0", 1) == 1 ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 std::string Trim(const std::string &s) {
     size_t b = s.find_first_not_of(" \t\n");
     size_t e = s.find_last_not_of(" \t\n");
@@ -86,7 +71,7 @@ TEST_F(LaunchTest, ChildLowersItsOomAdjToZeroWhateverTheDaemonsValue) {
     ASSERT_EQ(2, write(fd, "15", 2));
     close(fd);
     ASSERT_EQ("15", Trim(read_file("/proc/self/oom_adj")));
-    if (!CanLowerOomAdj())
+    if (!zvtest::can_lower_oom_adj())
         GTEST_SKIP() << "this sandbox withholds CAP_SYS_RESOURCE, so no process may lower its oom_adj; "
                         "the launcher's write of \"0\" cannot take effect here";
     pid_t pid = LaunchLogcat("/data/local/log/oom.log");

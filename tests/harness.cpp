@@ -224,6 +224,23 @@ std::string cmd_request_once(const std::string &request, std::chrono::millisecon
     return answer;
 }
 
+bool can_lower_oom_adj() {
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Raised first, so that the write of "0" really lowers it.
+        int fd = open("/proc/self/oom_adj", O_WRONLY | O_CLOEXEC);
+        if (fd < 0 || write(fd, "15", 2) != 2) _exit(2);
+        close(fd);
+        fd = open("/proc/self/oom_adj", O_WRONLY | O_CLOEXEC);
+        if (fd < 0 || write(fd, "0", 1) != 1) _exit(1);
+        close(fd);
+        _exit(read_file("/proc/self/oom_adj") == "0\n" ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 int count_fds(pid_t pid) {
     int n = 0;
     DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());

@@ -83,6 +83,10 @@ std::string cmd_request(int fd, const std::string &request,
 std::string cmd_request_once(const std::string &request,
                              std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
+// Whether a process in this handset may lower its own oom_adj: it needs CAP_SYS_RESOURCE of the machine,
+// which a container or a user namespace may withhold whatever the capability sets inside say.
+bool can_lower_oom_adj();
+
 // Number of open descriptors of a process, and of its threads and its child processes.
 int count_fds(pid_t pid);
 int count_threads(pid_t pid);
