@@ -8,10 +8,11 @@
 
 #include "sa-autostart.h"
 #include "sa-handle.h"
-#include "testdata/svc_handler_call.h"
-#include "testdata/svc_test_util.h"
+#include "handler.h"
+#include "service.h"
 
 using namespace svctest;
+using namespace zvtest;
 
 namespace {
 
@@ -38,8 +39,8 @@ std::string Padded(const std::string &name) {
     return s;
 }
 
-Answer Auto(const std::string &param) {
-    return Call(handle_sa_auto_start_service_set, param);
+handler_call_st Auto(const std::string &param) {
+    return call_handler(handle_sa_auto_start_service_set, param);
 }
 std::string Member(int value) {
     return "\r\nAUTO_START_SERVICE: " + std::to_string(value) + "\r\n\r\nOK\r\n";
@@ -55,13 +56,13 @@ class AutoStartTest : public ::testing::Test {
     long ReadList(const std::string *file = nullptr) {
         if (file != nullptr) {
             mkdir(kListDir, 0770);
-            EXPECT_TRUE(WriteFile(kListFile, *file));
+            EXPECT_TRUE(write_file(kListFile, *file));
         }
         return auto_start_service_list_read();
     }
     // Fills the list through the handler with names n0..n(count-1).
     void AddNames(int count) {
-        for (int i = 0; i < count; ++i) ASSERT_EQ(kOk, Auto("\"n" + std::to_string(i) + "\",1\r").bytes);
+        for (int i = 0; i < count; ++i) ASSERT_EQ(kOk, Auto("\"n" + std::to_string(i) + "\",1\r").m_answer);
     }
 };
 
@@ -75,9 +76,9 @@ TEST_F(AutoStartTest, ReadCreatesTheDirectoryWithMode0770AndAMissingFileLeavesTh
     EXPECT_EQ(0770u, st.st_mode & 07777);
     EXPECT_STREQ(kListFile, auto_start_service_list_path);
     EXPECT_EQ(std::string(400, '\0'), std::string(&auto_start_service_list[0][0], 400));
-    EXPECT_GE(FindMessage(SaLog(),
-                          "auto_start_service_list_read open file \"/data/zv-qel-sa/auto-start.lst\" "
-                          "fail: 2 - No such file or directory"),
+    EXPECT_GE(find_message(sa_log_messages(),
+                           "auto_start_service_list_read open file \"/data/zv-qel-sa/auto-start.lst\" "
+                           "fail: 2 - No such file or directory"),
               0);
 }
 
@@ -87,7 +88,7 @@ TEST_F(AutoStartTest, ReadLoadsAFullFile) {
     std::string file = Image(names);
     EXPECT_EQ(0, ReadList(&file));
     EXPECT_EQ(file, std::string(&auto_start_service_list[0][0], 400));
-    for (const auto &m : SaLog()) EXPECT_EQ(std::string::npos, m.find("write not completed")) << m;
+    for (const auto &m : sa_log_messages()) EXPECT_EQ(std::string::npos, m.find("write not completed")) << m;
 }
 
 TEST_F(AutoStartTest, FileOf200BytesLoadsSlotsZeroToFourAndLeavesFiveToNineFree) {
@@ -97,11 +98,11 @@ TEST_F(AutoStartTest, FileOf200BytesLoadsSlotsZeroToFourAndLeavesFiveToNineFree)
     for (int i = 0; i < 5; ++i) EXPECT_EQ(Padded("a" + std::to_string(i)), Slot(i));
     for (int i = 5; i < 10; ++i) EXPECT_EQ(std::string(40, '\0'), Slot(i));
     EXPECT_EQ(1,
-              CountMessage(SaLog(),
+              CountMessage(sa_log_messages(),
                            "auto_start_service_list_read write not completed: to write(10) != written(5)"));
     // Mode 1 now fills slot 5, the first free one.
-    EXPECT_EQ(kOk, Auto("\"a5\",1\r").bytes);
-    EXPECT_EQ(Image({"a0", "a1", "a2", "a3", "a4", "a5"}), ReadFile(kListFile));
+    EXPECT_EQ(kOk, Auto("\"a5\",1\r").m_answer);
+    EXPECT_EQ(Image({"a0", "a1", "a2", "a3", "a4", "a5"}), read_file(kListFile));
 }
 
 TEST_F(AutoStartTest, APartRecordAtTheEndOfTheFileStaysFree) {
@@ -110,7 +111,7 @@ TEST_F(AutoStartTest, APartRecordAtTheEndOfTheFileStaysFree) {
     EXPECT_EQ(Padded("b1"), Slot(1));
     EXPECT_EQ(std::string(40, '\0'), Slot(2));
     EXPECT_EQ(1,
-              CountMessage(SaLog(),
+              CountMessage(sa_log_messages(),
                            "auto_start_service_list_read write not completed: to write(10) != written(2)"));
 }
 
@@ -120,10 +121,11 @@ TEST_F(AutoStartTest, ASlotFullOf40NameBytesIsUsedWithinItsBounds) {
     ASSERT_EQ(400u, file.size());
     EXPECT_EQ(0, ReadList(&file));
     // The 39-character prefix is another name.
-    EXPECT_EQ(Member(0), Auto("\"" + forty.substr(0, 39) + "\",2\r").bytes);
+    EXPECT_EQ(Member(0), Auto("\"" + forty.substr(0, 39) + "\",2\r").m_answer);
     size_t before = History().size();
     auto_start_service_list_run();
-    EXPECT_EQ(2, CountMessage(SaLog(), "auto_start_service_list_run Try to start service: " + forty));
+    EXPECT_EQ(2,
+              CountMessage(sa_log_messages(), "auto_start_service_list_run Try to start service: " + forty));
     EXPECT_EQ(before + 2, History().size());
 }
 
@@ -134,27 +136,27 @@ TEST_F(AutoStartTest, MissingDirectoryKeepsTheListEmptyAndWritesGoToTheDirectory
     EXPECT_STREQ(kListDir, auto_start_service_list_path);
     EXPECT_EQ(std::string(400, '\0'), std::string(&auto_start_service_list[0][0], 400));
     // Opening "/data/zv-qel-sa" for writing fails here: the answer is the error, the table keeps the name.
-    Answer a = Auto("\"zv-svc-plain\",1\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
-    EXPECT_EQ(Member(1), Auto("\"zv-svc-plain\",2\r").bytes);
-    std::vector<std::string> log = SaLog();
+    handler_call_st a = Auto("\"zv-svc-plain\",1\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
+    EXPECT_EQ(Member(1), Auto("\"zv-svc-plain\",2\r").m_answer);
+    std::vector<std::string> log = sa_log_messages();
     EXPECT_GE(
-        FindMessage(log,
-                    "auto_start_service_list_update open file \"/data/zv-qel-sa\" fail: 2 - No such file "
-                    "or directory"),
+        find_message(log,
+                     "auto_start_service_list_update open file \"/data/zv-qel-sa\" fail: 2 - No such file "
+                     "or directory"),
         0);
     EXPECT_GE(
-        FindMessage(log, "auto_start_service_list_update Enable service \"zv-svc-plain\" auto start fail"),
+        find_message(log, "auto_start_service_list_update Enable service \"zv-svc-plain\" auto start fail"),
         0);
 }
 
 TEST_F(AutoStartTest, MissingDirectoryWhereTheWriteSucceedsPutsThe400BytesInAPlainFileOfThatName) {
     ASSERT_EQ(0, symlink("/data/plain-list", kListDir));
     EXPECT_EQ(-104, ReadList());
-    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").bytes);
-    EXPECT_EQ(Image({"zv-svc-plain"}), ReadFile(kListDir));
-    EXPECT_EQ(Image({"zv-svc-plain"}), ReadFile("/data/plain-list"));
+    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").m_answer);
+    EXPECT_EQ(Image({"zv-svc-plain"}), read_file(kListDir));
+    EXPECT_EQ(Image({"zv-svc-plain"}), read_file("/data/plain-list"));
 }
 
 // ---- running at start-up ----
@@ -166,10 +168,10 @@ TEST_F(AutoStartTest, RunStartsEveryListedServiceInSlotOrderWithoutWaiting) {
     EXPECT_EQ(0, auto_start_service_list_run());
     EXPECT_LT(Since(start), 1.0);
     EXPECT_EQ((std::vector<std::string>{"ctl.start=zv-svc-plain", "ctl.start=zv-auto-test"}), History());
-    std::vector<std::string> log = SaLog();
-    int first = FindMessage(log, "auto_start_service_list_run Try to start service: zv-svc-plain");
+    std::vector<std::string> log = sa_log_messages();
+    int first = find_message(log, "auto_start_service_list_run Try to start service: zv-svc-plain");
     EXPECT_GE(first, 0);
-    EXPECT_GT(FindMessage(log, "auto_start_service_list_run Try to start service: zv-auto-test"), first);
+    EXPECT_GT(find_message(log, "auto_start_service_list_run Try to start service: zv-auto-test"), first);
     EXPECT_TRUE(WaitRunning("zv-svc-plain", 10s));
     EXPECT_TRUE(WaitRunning("zv-auto-test", 10s));
 }
@@ -199,10 +201,10 @@ TEST_F(AutoStartTest, RunTracesAFailedStartAndGoesOnWithTheNextSlot) {
     PropertyServiceDown down;
     ASSERT_TRUE(down.ok());
     EXPECT_EQ(-118, auto_start_service_list_run());
-    std::vector<std::string> log = SaLog();
-    int family = FindMessage(log, "auto_start_service_list_run error to exec: setprop ctl.start zv-qel-mla");
+    std::vector<std::string> log = sa_log_messages();
+    int family = find_message(log, "auto_start_service_list_run error to exec: setprop ctl.start zv-qel-mla");
     EXPECT_GE(family, 0);
-    EXPECT_GT(FindMessage(log, "auto_start_service_list_run error to exec: setprop ctl.start zv-svc-plain"),
+    EXPECT_GT(find_message(log, "auto_start_service_list_run error to exec: setprop ctl.start zv-svc-plain"),
               family);
     EXPECT_TRUE(History().empty());
 }
@@ -211,105 +213,107 @@ TEST_F(AutoStartTest, RunTracesAFailedStartAndGoesOnWithTheNextSlot) {
 
 TEST_F(AutoStartTest, AddWritesTheWhole400ByteImage) {
     ReadList();
-    Answer a = Auto("\"zv-svc-plain\",1\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
-    EXPECT_EQ(Image({"zv-svc-plain"}), ReadFile(kListFile));
-    EXPECT_GE(
-        FindMessage(SaLog(), "auto_start_service_list_update Enable service \"zv-svc-plain\" auto start OK"),
-        0);
+    handler_call_st a = Auto("\"zv-svc-plain\",1\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
+    EXPECT_EQ(Image({"zv-svc-plain"}), read_file(kListFile));
+    EXPECT_GE(find_message(sa_log_messages(),
+                           "auto_start_service_list_update Enable service \"zv-svc-plain\" auto start OK"),
+              0);
     // Adding does not start the service now.
     EXPECT_TRUE(History().empty());
 }
 
 TEST_F(AutoStartTest, AddingANameThatIsAlreadyPresentAnswersOkAndWritesNothing) {
     ReadList();
-    ASSERT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").bytes);
-    ASSERT_TRUE(WriteFile(kListFile, "marker"));
-    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").bytes);
-    EXPECT_EQ("marker", ReadFile(kListFile));
+    ASSERT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").m_answer);
+    ASSERT_TRUE(write_file(kListFile, "marker"));
+    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").m_answer);
+    EXPECT_EQ("marker", read_file(kListFile));
 }
 
 TEST_F(AutoStartTest, RemovingAnAbsentNameAnswersOkAndWritesNothing) {
     ReadList();
-    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",0\r").bytes);
-    EXPECT_FALSE(Exists(kListFile));
-    ASSERT_EQ(kOk, Auto("\"zv-other\",1\r").bytes);
-    ASSERT_TRUE(WriteFile(kListFile, "marker"));
-    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",0\r").bytes);
-    EXPECT_EQ("marker", ReadFile(kListFile));
+    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",0\r").m_answer);
+    EXPECT_FALSE(file_exists(kListFile));
+    ASSERT_EQ(kOk, Auto("\"zv-other\",1\r").m_answer);
+    ASSERT_TRUE(write_file(kListFile, "marker"));
+    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",0\r").m_answer);
+    EXPECT_EQ("marker", read_file(kListFile));
 }
 
 TEST_F(AutoStartTest, RemoveFreesTheSlotAndRewritesTheFile) {
     ReadList();
-    ASSERT_EQ(kOk, Auto("\"s0\",1\r").bytes);
-    ASSERT_EQ(kOk, Auto("\"s1\",1\r").bytes);
-    ASSERT_EQ(kOk, Auto("\"s2\",1\r").bytes);
-    EXPECT_EQ(kOk, Auto("\"s1\",0\r").bytes);
-    EXPECT_EQ(Image({"s0", "", "s2"}), ReadFile(kListFile));
-    EXPECT_GE(FindMessage(SaLog(), "auto_start_service_list_update Disable service \"s1\" auto start OK"), 0);
-    EXPECT_EQ(Member(0), Auto("\"s1\",2\r").bytes);
+    ASSERT_EQ(kOk, Auto("\"s0\",1\r").m_answer);
+    ASSERT_EQ(kOk, Auto("\"s1\",1\r").m_answer);
+    ASSERT_EQ(kOk, Auto("\"s2\",1\r").m_answer);
+    EXPECT_EQ(kOk, Auto("\"s1\",0\r").m_answer);
+    EXPECT_EQ(Image({"s0", "", "s2"}), read_file(kListFile));
+    EXPECT_GE(find_message(sa_log_messages(),
+                           "auto_start_service_list_update Disable service \"s1\" auto start OK"),
+              0);
+    EXPECT_EQ(Member(0), Auto("\"s1\",2\r").m_answer);
 }
 
 TEST_F(AutoStartTest, WithAllTenSlotsInUseANewNameAnswersErrorAndChangesNothing) {
     ReadList();
     AddNames(10);
-    std::string before = ReadFile(kListFile);
+    std::string before = read_file(kListFile);
     ASSERT_EQ(400u, before.size());
-    Answer a = Auto("\"n10\",1\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
-    EXPECT_EQ(before, ReadFile(kListFile));
+    handler_call_st a = Auto("\"n10\",1\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
+    EXPECT_EQ(before, read_file(kListFile));
     EXPECT_EQ(before, std::string(&auto_start_service_list[0][0], 400));
-    EXPECT_EQ(Member(0), Auto("\"n10\",2\r").bytes);
-    std::vector<std::string> log = SaLog();
-    EXPECT_GE(FindMessage(log, "auto_start_service_list_update no free space for \"n10\""), 0);
-    EXPECT_GE(FindMessage(log, "auto_start_service_list_update Enable service \"n10\" auto start fail"), 0);
+    EXPECT_EQ(Member(0), Auto("\"n10\",2\r").m_answer);
+    std::vector<std::string> log = sa_log_messages();
+    EXPECT_GE(find_message(log, "auto_start_service_list_update no free space for \"n10\""), 0);
+    EXPECT_GE(find_message(log, "auto_start_service_list_update Enable service \"n10\" auto start fail"), 0);
 }
 
 TEST_F(AutoStartTest, RemovingSlotThreeOfAFullListAndAddingPutsTheNewNameInSlotThree) {
     ReadList();
     AddNames(10);
-    EXPECT_EQ(kOk, Auto("\"n3\",0\r").bytes);
-    EXPECT_EQ(kOk, Auto("\"fresh\",1\r").bytes);
-    EXPECT_EQ(Image({"n0", "n1", "n2", "fresh", "n4", "n5", "n6", "n7", "n8", "n9"}), ReadFile(kListFile));
+    EXPECT_EQ(kOk, Auto("\"n3\",0\r").m_answer);
+    EXPECT_EQ(kOk, Auto("\"fresh\",1\r").m_answer);
+    EXPECT_EQ(Image({"n0", "n1", "n2", "fresh", "n4", "n5", "n6", "n7", "n8", "n9"}), read_file(kListFile));
 }
 
 TEST_F(AutoStartTest, Mode2ForANameNeverListedAnswersZero) {
     ReadList();
-    Answer a = Auto("\"zv-never\",2\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(Member(0), a.bytes);
-    EXPECT_FALSE(Exists(kListFile));
+    handler_call_st a = Auto("\"zv-never\",2\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(Member(0), a.m_answer);
+    EXPECT_FALSE(file_exists(kListFile));
 }
 
 TEST_F(AutoStartTest, Mode2ForAListedNameAnswersOne) {
     ReadList();
-    ASSERT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").bytes);
-    EXPECT_EQ(Member(1), Auto("\"zv-svc-plain\",2\r").bytes);
+    ASSERT_EQ(kOk, Auto("\"zv-svc-plain\",1\r").m_answer);
+    EXPECT_EQ(Member(1), Auto("\"zv-svc-plain\",2\r").m_answer);
     // Exact and case-sensitive: neither a part nor another case is a member.
-    EXPECT_EQ(Member(0), Auto("\"zv-svc\",2\r").bytes);
-    EXPECT_EQ(Member(0), Auto("\"ZV-SVC-PLAIN\",2\r").bytes);
+    EXPECT_EQ(Member(0), Auto("\"zv-svc\",2\r").m_answer);
+    EXPECT_EQ(Member(0), Auto("\"ZV-SVC-PLAIN\",2\r").m_answer);
 }
 
 TEST_F(AutoStartTest, BlanksBeforeTheModeAreAllowed) {
     ReadList();
-    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",   1\r").bytes);
-    EXPECT_EQ(Image({"zv-svc-plain"}), ReadFile(kListFile));
+    EXPECT_EQ(kOk, Auto("\"zv-svc-plain\",   1\r").m_answer);
+    EXPECT_EQ(Image({"zv-svc-plain"}), read_file(kListFile));
 }
 
 TEST_F(AutoStartTest, NameOf39CharactersIsStoredWithItsTerminator) {
     ReadList();
     std::string name(39, 'q');
-    EXPECT_EQ(kOk, Auto("\"" + name + "\",1\r").bytes);
-    EXPECT_EQ(Image({name}), ReadFile(kListFile));
-    EXPECT_EQ(Member(1), Auto("\"" + name + "\",2\r").bytes);
+    EXPECT_EQ(kOk, Auto("\"" + name + "\",1\r").m_answer);
+    EXPECT_EQ(Image({name}), read_file(kListFile));
+    EXPECT_EQ(Member(1), Auto("\"" + name + "\",2\r").m_answer);
 }
 
 TEST_F(AutoStartTest, BadInputAnswersErrorAndChangesNothingOnDisk) {
     ReadList();
-    ASSERT_EQ(kOk, Auto("\"keep\",1\r").bytes);
-    const std::string before = ReadFile(kListFile);
+    ASSERT_EQ(kOk, Auto("\"keep\",1\r").m_answer);
+    const std::string before = read_file(kListFile);
     const std::vector<std::string> bad = {
         "\"zv-x\",3\r",                        // mode 3
         "\"zv-x\",-1\r",                       // negative mode
@@ -329,42 +333,42 @@ TEST_F(AutoStartTest, BadInputAnswersErrorAndChangesNothingOnDisk) {
         "\"keep\",4294967296\r",
     };
     for (const auto &param : bad) {
-        Answer a = Auto(param);
-        EXPECT_EQ(0, a.ret) << param;
-        EXPECT_EQ(kError, a.bytes) << param;
-        EXPECT_EQ(before, ReadFile(kListFile)) << param;
+        handler_call_st a = Auto(param);
+        EXPECT_EQ(0, a.m_ret) << param;
+        EXPECT_EQ(kError, a.m_answer) << param;
+        EXPECT_EQ(before, read_file(kListFile)) << param;
     }
     EXPECT_EQ(Image({"keep"}), std::string(&auto_start_service_list[0][0], 400));
 }
 
 TEST_F(AutoStartTest, BadHandlerArgumentsReturnMinus101AndAnswerNothing) {
     ReadList();
-    ExpectRefusesBadArguments(handle_sa_auto_start_service_set, "\"zv-x\",1\r");
-    EXPECT_FALSE(Exists(kListFile));
+    expect_refuses_bad_arguments(handle_sa_auto_start_service_set, "\"zv-x\",1\r");
+    EXPECT_FALSE(file_exists(kListFile));
 }
 
 TEST_F(AutoStartTest, AFileThatCannotBeOpenedForWritingAnswersErrorAndTheTableKeepsTheChange) {
     ReadList();
     ASSERT_EQ(0, mkdir(kListFile, 0770));  // a folder where the file should be
-    Answer a = Auto("\"first\",1\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
-    EXPECT_EQ(Member(1), Auto("\"first\",2\r").bytes);
-    EXPECT_GE(FindMessage(SaLog(),
-                          "auto_start_service_list_update open file \"/data/zv-qel-sa/auto-start.lst\" "
-                          "fail: 21 - Is a directory"),
+    handler_call_st a = Auto("\"first\",1\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
+    EXPECT_EQ(Member(1), Auto("\"first\",2\r").m_answer);
+    EXPECT_GE(find_message(sa_log_messages(),
+                           "auto_start_service_list_update open file \"/data/zv-qel-sa/auto-start.lst\" "
+                           "fail: 21 - Is a directory"),
               0);
     // The next successful write brings the file in line.
     ASSERT_EQ(0, rmdir(kListFile));
-    EXPECT_EQ(kOk, Auto("\"second\",1\r").bytes);
-    EXPECT_EQ(Image({"first", "second"}), ReadFile(kListFile));
+    EXPECT_EQ(kOk, Auto("\"second\",1\r").m_answer);
+    EXPECT_EQ(Image({"first", "second"}), read_file(kListFile));
 }
 
 TEST_F(AutoStartTest, AShortWriteOnAFullDataPartitionIsTracedAndStillAnswersOk) {
     ReadList();
     // sa.log must keep room for the lines of the call: leave its last page nearly empty, so that
     // appending needs no new page once /data is full.
-    std::string pad = ReadFile(kSaLog);
+    std::string pad = read_file(kSaLog);
     size_t size = pad.size();
     size_t want = (size / 4096 + 1) * 4096 + 1;
     {
@@ -375,7 +379,7 @@ TEST_F(AutoStartTest, AShortWriteOnAFullDataPartitionIsTracedAndStillAnswersOk) 
         ASSERT_EQ(1u, fwrite(filler.data(), filler.size(), 1, fp));
         ASSERT_EQ(0, fclose(fp));
     }
-    ASSERT_EQ(want, ReadFile(kSaLog).size());
+    ASSERT_EQ(want, read_file(kSaLog).size());
     // Fill /data to its last byte.
     int fd = open("/data/filler", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0);
@@ -386,17 +390,17 @@ TEST_F(AutoStartTest, AShortWriteOnAFullDataPartitionIsTracedAndStillAnswersOk) 
     }
     close(fd);
 
-    Answer a = Auto("\"zv-svc-plain\",1\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
-    EXPECT_TRUE(Exists(kListFile));
-    EXPECT_LT(ReadFile(kListFile).size(), 400u);
-    std::vector<std::string> log = SaLog();
+    handler_call_st a = Auto("\"zv-svc-plain\",1\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
+    EXPECT_TRUE(file_exists(kListFile));
+    EXPECT_LT(read_file(kListFile).size(), 400u);
+    std::vector<std::string> log = sa_log_messages();
     EXPECT_GE(
-        FindMessage(log, "auto_start_service_list_update write not completed: to write(10) != written(0)"),
+        find_message(log, "auto_start_service_list_update write not completed: to write(10) != written(0)"),
         0);
     EXPECT_GE(
-        FindMessage(log, "auto_start_service_list_update Enable service \"zv-svc-plain\" auto start OK"), 0);
+        find_message(log, "auto_start_service_list_update Enable service \"zv-svc-plain\" auto start OK"), 0);
     unlink("/data/filler");
 }
 

@@ -10,12 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "sa-archive-testutil.h"
+#include "archive.h"
 #include "sa-archive.h"
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-capture.h"
 #include "sa-handle.h"
 
+using zvtest::call_with_bad_arguments;
 using namespace sa_capture_test;
 using namespace archive_test;
 
@@ -311,8 +312,7 @@ TEST_F(DeleteLogTest, ParameterIsTracedButNotParsed) {
 
 TEST_F(DeleteLogTest, BadArgumentsAreRefusedWithoutAnswerAndNothingIsDeleted) {
     put_files(kDeleted);
-    std::vector<std::string> results =
-        call_with_bad_arguments<sa_msg_st>(handle_sa_delete_log_set, "SA+DELETE_LOG");
+    std::vector<std::string> results = call_with_bad_arguments(handle_sa_delete_log_set, "SA+DELETE_LOG");
     EXPECT_EQ((std::vector<std::string>{"-101", "-101", "-101", "-101", "-101", ""}), results);
     std::string log = log_text();
     find_in_order(log, bad_argument_traces());

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-capture.h"
 #include "util/util.h"
 

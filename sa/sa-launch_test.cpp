@@ -10,7 +10,7 @@
 #include <chrono>
 #include <string>
 
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-capture.h"
 
 using namespace sa_capture_test;

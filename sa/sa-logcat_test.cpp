@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-capture.h"
 
 using namespace sa_capture_test;

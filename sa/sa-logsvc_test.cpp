@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-capture.h"
 
 using namespace sa_capture_test;

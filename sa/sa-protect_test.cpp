@@ -12,26 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "capture.h"
+
+using sa_capture_test::set_data_available_bytes;
+
 namespace {
 
 constexpr char kFiller[] = "/data/filler";
-
-// Grows the filler until exactly `free_bytes` are available on /data.
-void SetFreeBytes(uint64_t free_bytes) {
-    unlink(kFiller);
-    struct statfs st;
-    ASSERT_EQ(0, statfs("/data", &st));
-    uint64_t avail = static_cast<uint64_t>(st.f_bavail) * st.f_bsize;
-    ASSERT_GE(avail, free_bytes);
-    int fd = open(kFiller, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0);
-    if (avail > free_bytes) {
-        ASSERT_EQ(0, posix_fallocate(fd, 0, static_cast<off_t>(avail - free_bytes)));
-    }
-    close(fd);
-    ASSERT_EQ(0, statfs("/data", &st));
-    ASSERT_EQ(free_bytes, static_cast<uint64_t>(st.f_bavail) * st.f_bsize);
-}
 
 void MakeBallast(const std::vector<std::string> &names) {
     mkdir(SA_PROTECT_DIR, 0700);
@@ -56,7 +43,7 @@ TEST(ProtectDataIsLow, ThresholdIsThreeMebibytes) {
 
 TEST(ProtectData, ExactlyThreeMebibytesFreeDeletesNothing) {
     MakeBallast({"a", "b", "c"});
-    SetFreeBytes(3145728);
+    set_data_available_bytes(3145728);
     protect_data();
     EXPECT_TRUE(Exists("a"));
     EXPECT_TRUE(Exists("b"));
@@ -67,7 +54,7 @@ TEST(ProtectData, BelowThreeMebibytesDeletesOnlyTheAlphabeticallyLastFile) {
     MakeBallast({"ballast-1", "ballast-3", "ballast-2"});
     struct statfs st;
     ASSERT_EQ(0, statfs("/data", &st));
-    SetFreeBytes(3145728 - st.f_bsize);  // the closest to 3145727 a block-sized partition gets
+    set_data_available_bytes(3145728 - st.f_bsize);  // the closest to 3145727 a block-sized partition gets
     protect_data();
     EXPECT_TRUE(Exists("ballast-1"));
     EXPECT_TRUE(Exists("ballast-2"));
@@ -79,14 +66,14 @@ TEST(ProtectData, BelowThreeMebibytesDeletesOnlyTheAlphabeticallyLastFile) {
 
 TEST(ProtectData, EmptyFolderDeletesNothing) {
     MakeBallast({});
-    SetFreeBytes(4096);
+    set_data_available_bytes(4096);
     protect_data();
     EXPECT_EQ(0, access(SA_PROTECT_DIR, F_OK));
 }
 
 TEST(ProtectData, MissingFolderIsHarmless) {
     rmdir(SA_PROTECT_DIR);
-    SetFreeBytes(4096);
+    set_data_available_bytes(4096);
     protect_data();
     EXPECT_NE(0, access(SA_PROTECT_DIR, F_OK));
 }

@@ -12,11 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "sa-archive-testutil.h"
+#include "archive.h"
 #include "sa-archive.h"
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-handle.h"
 
+using zvtest::call_with_bad_arguments;
 using namespace sa_capture_test;
 using namespace archive_test;
 
@@ -97,8 +98,7 @@ TEST_F(SaveLogTest, MkdirOfNullPathIsAnInvalidParameter) {
 // ---- the handler's argument check ----
 
 TEST_F(SaveLogTest, BadArgumentsAreRefusedWithoutAnswerOrSave) {
-    std::vector<std::string> results =
-        call_with_bad_arguments<sa_msg_st>(handle_sa_save_log_set, "SA+SAVE_LOG");
+    std::vector<std::string> results = call_with_bad_arguments(handle_sa_save_log_set, "SA+SAVE_LOG");
     EXPECT_EQ((std::vector<std::string>{"-101", "-101", "-101", "-101", "-101", ""}), results);
     std::string log = log_text();
     size_t at = 0;

@@ -13,10 +13,11 @@
 
 #include "sa-handle.h"
 #include "sa-util.h"
-#include "testdata/svc_handler_call.h"
-#include "testdata/svc_test_util.h"
+#include "handler.h"
+#include "service.h"
 
 using namespace svctest;
+using namespace zvtest;
 
 namespace {
 
@@ -41,7 +42,7 @@ class AsyncCall {
    public:
     AsyncCall(sa_cmd_handler_fn handler, const std::string &param)
         : start_(std::chrono::steady_clock::now()), thread_([this, handler, param] {
-              answer_ = Call(handler, param);
+              answer_ = call_handler(handler, param);
               seconds_ = Since(start_);
               done_ = true;
           }) {}
@@ -54,11 +55,11 @@ class AsyncCall {
         thread_.join();
         return seconds_;
     }
-    const Answer &answer() const { return answer_; }
+    const handler_call_st &answer() const { return answer_; }
 
    private:
     std::chrono::steady_clock::time_point start_;
-    Answer answer_;
+    handler_call_st answer_;
     double seconds_ = 0;
     std::atomic<bool> done_{false};
     std::thread thread_;
@@ -77,15 +78,15 @@ constexpr sa_cmd_handler_fn kHandlers[] = {handle_sa_start_service_set, handle_s
 // Every handler answers param with ERROR -1 and returns 0 (answered); nothing reaches init.
 void ExpectErrorFromEveryHandler(const std::string &param) {
     for (sa_cmd_handler_fn handler : kHandlers) {
-        Answer a = Call(handler, param);
-        EXPECT_EQ(0, a.ret) << param;
-        EXPECT_EQ(kError, a.bytes) << param;
+        handler_call_st a = call_handler(handler, param);
+        EXPECT_EQ(0, a.m_ret) << param;
+        EXPECT_EQ(kError, a.m_answer) << param;
     }
     EXPECT_TRUE(History().empty()) << param;
 }
 
 TEST_F(ServiceTest, BadHandlerArgumentsReturnMinus101AndAnswerNothing) {
-    for (sa_cmd_handler_fn handler : kHandlers) ExpectRefusesBadArguments(handler, "\"zv-svc-plain\"\r");
+    for (sa_cmd_handler_fn handler : kHandlers) expect_refuses_bad_arguments(handler, "\"zv-svc-plain\"\r");
     EXPECT_TRUE(History().empty());
 }
 
@@ -98,23 +99,23 @@ TEST_F(ServiceTest, EmptyQuotesAnswerErrorForEveryCommand) {
 }
 
 TEST_F(ServiceTest, QueryWithEmptyQuotesAnswersError) {
-    Answer a = Call(handle_sa_query_service_set, "\"\"\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
+    handler_call_st a = call_handler(handle_sa_query_service_set, "\"\"\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
 }
 
 TEST_F(ServiceTest, UnclosedQuoteAnswersError) {
     NamedProc p("zv-open-quote");
     ASSERT_TRUE(p.Ready());
-    Answer a = Call(handle_sa_query_service_set, "\"zv-open-quote\r");
-    EXPECT_EQ(kError, a.bytes);
+    handler_call_st a = call_handler(handle_sa_query_service_set, "\"zv-open-quote\r");
+    EXPECT_EQ(kError, a.m_answer);
 }
 
 TEST_F(ServiceTest, TextAfterTheClosingQuoteIsIgnored) {
     NamedProc p("zv-trailing");
     ASSERT_TRUE(p.Ready());
-    Answer a = Call(handle_sa_query_service_set, "\"zv-trailing\",1 junk\r");
-    EXPECT_EQ(QueryAnswer(1), a.bytes);
+    handler_call_st a = call_handler(handle_sa_query_service_set, "\"zv-trailing\",1 junk\r");
+    EXPECT_EQ(QueryAnswer(1), a.m_answer);
 }
 
 TEST_F(ServiceTest, NameOf39CharactersIsAccepted) {
@@ -122,8 +123,8 @@ TEST_F(ServiceTest, NameOf39CharactersIsAccepted) {
     ASSERT_EQ(39u, name.size());
     NamedProc p(name);
     ASSERT_TRUE(p.Ready());
-    EXPECT_EQ(QueryAnswer(1), Call(handle_sa_query_service_set, Quoted(name)).bytes);
-    EXPECT_EQ(kOk, Call(handle_sa_start_service_set, Quoted(name)).bytes);
+    EXPECT_EQ(QueryAnswer(1), call_handler(handle_sa_query_service_set, Quoted(name)).m_answer);
+    EXPECT_EQ(kOk, call_handler(handle_sa_start_service_set, Quoted(name)).m_answer);
     EXPECT_TRUE(History().empty());
 }
 
@@ -146,24 +147,24 @@ TEST_F(ServiceTest, NameOf199CharactersIsRefused) {
 TEST_F(ServiceTest, QueryOfRunningServiceAnswersOne) {
     ASSERT_EQ(0, system("setprop ctl.start zv-svc-plain"));
     ASSERT_TRUE(WaitRunning("zv-svc-plain", 10s));
-    Answer a = Call(handle_sa_query_service_set, "\"zv-svc-plain\"\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(QueryAnswer(1), a.bytes);
-    std::vector<std::string> log = SaLog();
-    EXPECT_GE(FindMessage(log, "handle_sa_query_service_set is_run[1]"), 0);
-    EXPECT_GE(FindMessage(log, "handle_sa_query_service_set service[zv-svc-plain] sa_err[0]"), 0);
+    handler_call_st a = call_handler(handle_sa_query_service_set, "\"zv-svc-plain\"\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(QueryAnswer(1), a.m_answer);
+    std::vector<std::string> log = sa_log_messages();
+    EXPECT_GE(find_message(log, "handle_sa_query_service_set is_run[1]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_query_service_set service[zv-svc-plain] sa_err[0]"), 0);
 }
 
 TEST_F(ServiceTest, QueryOfStoppedServiceAnswersZero) {
-    Answer a = Call(handle_sa_query_service_set, "\"zv-svc-plain\"\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(QueryAnswer(0), a.bytes);
+    handler_call_st a = call_handler(handle_sa_query_service_set, "\"zv-svc-plain\"\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(QueryAnswer(0), a.m_answer);
 }
 
 TEST_F(ServiceTest, QueryMatchesAPartOfArgv0) {
     NamedProc p("/system/bin/zv-qel-mla3");
     ASSERT_TRUE(p.Ready());
-    EXPECT_EQ(QueryAnswer(1), Call(handle_sa_query_service_set, "\"zv-qel-mla\"\r").bytes);
+    EXPECT_EQ(QueryAnswer(1), call_handler(handle_sa_query_service_set, "\"zv-qel-mla\"\r").m_answer);
 }
 
 // Drops the capabilities that let root read what its mode forbids.
@@ -191,7 +192,7 @@ TEST_F(ServiceTest, QueryWhenProcCannotBeReadReportsZero) {
         if (opendir("/proc") != nullptr) _exit(14);
         sa_msg_st req;
         sa_msg_st rsp;
-        MakeRequest("\"zv-behind-proc\"\r", &req, &rsp);
+        make_request("\"zv-behind-proc\"\r", &req, &rsp);
         long ret = handle_sa_query_service_set(fds[1], &req, &rsp, req.m_data_a);
         _exit(ret == 0 ? 0 : 15);
     }
@@ -207,7 +208,7 @@ TEST_F(ServiceTest, QueryWhenProcCannotBeReadReportsZero) {
     ASSERT_EQ(0, WEXITSTATUS(status)) << "child step failed";
     EXPECT_EQ(QueryAnswer(0), bytes);
     // The same query with /proc readable finds it.
-    EXPECT_EQ(QueryAnswer(1), Call(handle_sa_query_service_set, "\"zv-behind-proc\"\r").bytes);
+    EXPECT_EQ(QueryAnswer(1), call_handler(handle_sa_query_service_set, "\"zv-behind-proc\"\r").m_answer);
 }
 
 // ---- start ----
@@ -217,39 +218,39 @@ TEST_F(ServiceTest, StartOfRunningServiceAnswersOkAtOnceAndIssuesNothing) {
     NamedProc p("zv-qel-mla2");
     ASSERT_TRUE(p.Ready());
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_start_service_set, "\"zv-qel-mla2\"\r");
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-qel-mla2\"\r");
     EXPECT_LT(Since(start), 1.0);
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
     EXPECT_TRUE(History().empty());
 }
 
 TEST_F(ServiceTest, StartOfPlainServiceIssuesCtlStartAndSucceedsWhenItRuns) {
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_start_service_set, "\"zv-svc-plain\"\r");
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-svc-plain\"\r");
     EXPECT_GE(Since(start), 1.0);
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
     EXPECT_EQ(std::vector<std::string>{"ctl.start=zv-svc-plain"}, History());
     EXPECT_FALSE(PidsNamed("zv-svc-plain").empty());
-    std::vector<std::string> log = SaLog();
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set ret_val[0]"), 0);
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set service[zv-svc-plain] sa_err[0]"), 0);
+    std::vector<std::string> log = sa_log_messages();
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set ret_val[0]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set service[zv-svc-plain] sa_err[0]"), 0);
 }
 
 TEST_F(ServiceTest, StartOfFamilyNameIssuesFiveCompanionsThenItsOwnAndSucceedsOnACompanion) {
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_start_service_set, "\"zv-qel-mla\"\r");
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-qel-mla\"\r");
     EXPECT_GE(Since(start), 1.0);
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
     std::vector<std::string> expected = kFamilyStarts;
     expected.push_back("ctl.start=zv-qel-mla");
     EXPECT_EQ(expected, History());
     // There is no service of the family's own name: a member is what was found.
     EXPECT_TRUE(PidsNamed("zv-qel-mla").empty());
     EXPECT_FALSE(PidsNamed("zv-qel-mla1").empty());
-    std::vector<std::string> log = SaLog();
+    std::vector<std::string> log = sa_log_messages();
     bool found = false;
     for (const auto &m : log)
         found |= m.rfind("handle_sa_start_service_set 0 \"zv-qel-mla\" is running: ", 0) == 0;
@@ -257,8 +258,8 @@ TEST_F(ServiceTest, StartOfFamilyNameIssuesFiveCompanionsThenItsOwnAndSucceedsOn
 }
 
 TEST_F(ServiceTest, StartOfAutoTestStartsTheCompanionsThenItself) {
-    Answer a = Call(handle_sa_start_service_set, "\"zv-auto-test\"\r");
-    EXPECT_EQ(kOk, a.bytes);
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-auto-test\"\r");
+    EXPECT_EQ(kOk, a.m_answer);
     std::vector<std::string> expected = kFamilyStarts;
     expected.push_back("ctl.start=zv-auto-test");
     EXPECT_EQ(expected, History());
@@ -268,32 +269,32 @@ TEST_F(ServiceTest, StartOfAutoTestStartsTheCompanionsThenItself) {
 TEST_F(ServiceTest, StartOfElogSetsItsPropertyAndNeverUsesCtlStart) {
     AsyncCall call(handle_sa_start_service_set, "\"zv-elog\"\r");
     // Nothing in the handset reacts to the property: the test plays the service.
-    ASSERT_TRUE(PollUntil([] { return Property("ril.zv.elog.state") == "1"; }, 5s));
+    ASSERT_TRUE(poll_until([] { return Property("ril.zv.elog.state") == "1"; }, 5s));
     NamedProc elog("zv-elog");
     ASSERT_TRUE(elog.Ready());
     double seconds = call.Join();
     EXPECT_GE(seconds, 1.0);
-    EXPECT_EQ(0, call.answer().ret);
-    EXPECT_EQ(kOk, call.answer().bytes);
+    EXPECT_EQ(0, call.answer().m_ret);
+    EXPECT_EQ(kOk, call.answer().m_answer);
     EXPECT_EQ(std::vector<std::string>{"ril.zv.elog.state=1"}, History());
-    EXPECT_EQ(
-        1, CountMessage(SaLog(), "handle_sa_start_service_set property_set:ril.zv.elog.state successfully"));
+    EXPECT_EQ(1, CountMessage(sa_log_messages(),
+                              "handle_sa_start_service_set property_set:ril.zv.elog.state successfully"));
 }
 
 TEST_F(ServiceTest, StartOfElogWhenAllFivePropertyAttemptsFailTracesAnEmptyCommand) {
     PropertyServiceDown down;
     ASSERT_TRUE(down.ok());
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_start_service_set, "\"zv-elog\"\r");
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-elog\"\r");
     double seconds = Since(start);
     EXPECT_GE(seconds, 0.25);  // five pauses of 50 ms
     EXPECT_LT(seconds, 1.0);   // and no wait for the process
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
-    std::vector<std::string> log = SaLog();
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
+    std::vector<std::string> log = sa_log_messages();
     EXPECT_EQ(5, CountMessage(log, "handle_sa_start_service_set property_set:ril.zv.elog.state faild"));
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set error to exec: "), 0);
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set ret_val[-1]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set error to exec: "), 0);
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set ret_val[-1]"), 0);
     EXPECT_EQ(1, CountMessage(log, "handle_sa_start_service_set is_run[0]")) << "no poll may follow";
 }
 
@@ -301,27 +302,27 @@ TEST_F(ServiceTest, StartWhoseShellLineFailsAnswersErrorWithoutWaiting) {
     PropertyServiceDown down;
     ASSERT_TRUE(down.ok());
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_start_service_set, "\"zv-svc-plain\"\r");
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-svc-plain\"\r");
     EXPECT_LT(Since(start), 1.0);
-    EXPECT_EQ(kError, a.bytes);
-    std::vector<std::string> log = SaLog();
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set error to exec: setprop ctl.start zv-svc-plain"),
+    EXPECT_EQ(kError, a.m_answer);
+    std::vector<std::string> log = sa_log_messages();
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set error to exec: setprop ctl.start zv-svc-plain"),
               0);
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set ret_val[256]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set ret_val[256]"), 0);
 }
 
 TEST_F(ServiceTest, StartOfServiceThatNeverAppearsAnswersErrorAfterEightPolls) {
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_start_service_set, "\"zv-ghost\"\r");
+    handler_call_st a = call_handler(handle_sa_start_service_set, "\"zv-ghost\"\r");
     EXPECT_GE(Since(start), 8.0);
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
     EXPECT_EQ(std::vector<std::string>{"ctl.start=zv-ghost"}, History());
-    std::vector<std::string> log = SaLog();
+    std::vector<std::string> log = sa_log_messages();
     // One look before the request, then eight polls.
     EXPECT_EQ(9, CountMessage(log, "handle_sa_start_service_set is_run[0]"));
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set \"zv-ghost\" is not running finally"), 0);
-    EXPECT_GE(FindMessage(log, "handle_sa_start_service_set service[zv-ghost] sa_err[-1]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set \"zv-ghost\" is not running finally"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_start_service_set service[zv-ghost] sa_err[-1]"), 0);
 }
 
 // ---- stop ----
@@ -336,41 +337,41 @@ TEST_F(ServiceTest, StopSendsSigtermAndAnswersOkOnceTheProcessIsGone) {
     EXPECT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(SIGTERM, WTERMSIG(status));
     EXPECT_GE(seconds, 1.0);
-    EXPECT_EQ(0, call.answer().ret);
-    EXPECT_EQ(kOk, call.answer().bytes);
+    EXPECT_EQ(0, call.answer().m_ret);
+    EXPECT_EQ(kOk, call.answer().m_answer);
     EXPECT_TRUE(History().empty()) << "the service itself is never stopped through init";
-    std::vector<std::string> log = SaLog();
-    EXPECT_GE(FindMessage(log, "handle_sa_stop_service_set is_run[1] pid[" + std::to_string(p.pid()) + "]"),
+    std::vector<std::string> log = sa_log_messages();
+    EXPECT_GE(find_message(log, "handle_sa_stop_service_set is_run[1] pid[" + std::to_string(p.pid()) + "]"),
               0);
-    EXPECT_GE(FindMessage(log, "handle_sa_stop_service_set ret_val[0]"), 0);
-    EXPECT_GE(FindMessage(log, "handle_sa_stop_service_set 0 \"zv-stop-me\" is not running"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_stop_service_set ret_val[0]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_stop_service_set 0 \"zv-stop-me\" is not running"), 0);
 }
 
 TEST_F(ServiceTest, StopOfStoppedServiceAnswersOkAtOnce) {
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_stop_service_set, "\"zv-svc-plain\"\r");
+    handler_call_st a = call_handler(handle_sa_stop_service_set, "\"zv-svc-plain\"\r");
     EXPECT_LT(Since(start), 1.0);
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
     EXPECT_TRUE(History().empty());
-    EXPECT_GE(FindMessage(SaLog(), "handle_sa_stop_service_set is_run[0] pid[0]"), 0);
+    EXPECT_GE(find_message(sa_log_messages(), "handle_sa_stop_service_set is_run[0] pid[0]"), 0);
 }
 
 TEST_F(ServiceTest, StopOfProcessIgnoringSigtermAnswersErrorAfterTenPollsAndSendsNothingElse) {
     NamedProc p("zv-stubborn", true);
     ASSERT_TRUE(p.Ready());
     auto start = std::chrono::steady_clock::now();
-    Answer a = Call(handle_sa_stop_service_set, "\"zv-stubborn\"\r");
+    handler_call_st a = call_handler(handle_sa_stop_service_set, "\"zv-stubborn\"\r");
     EXPECT_GE(Since(start), 10.0);
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kError, a.bytes);
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kError, a.m_answer);
     // No SIGKILL followed: the process still runs.
     EXPECT_EQ(-1, p.WaitExit(0ms));
     EXPECT_TRUE(p.Ready());
-    std::vector<std::string> log = SaLog();
+    std::vector<std::string> log = sa_log_messages();
     EXPECT_EQ(10, CountMessage(log, "handle_sa_stop_service_set is_run[1]"));
-    EXPECT_GE(FindMessage(log, "handle_sa_stop_service_set \"zv-stubborn\" is still running finally"), 0);
-    EXPECT_GE(FindMessage(log, "handle_sa_stop_service_set service[zv-stubborn] sa_err[-1]"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_stop_service_set \"zv-stubborn\" is still running finally"), 0);
+    EXPECT_GE(find_message(log, "handle_sa_stop_service_set service[zv-stubborn] sa_err[-1]"), 0);
 }
 
 TEST_F(ServiceTest, StopOfNameMatchingSeveralProcessesSignalsOnlyTheFirstAndWaitsForAll) {
@@ -391,8 +392,8 @@ TEST_F(ServiceTest, StopOfNameMatchingSeveralProcessesSignalsOnlyTheFirstAndWait
     EXPECT_EQ(SIGTERM, WTERMSIG(status));
     // The other one is left alone, and the handler keeps waiting for it: a poll after the signal still
     // finds a match.
-    ASSERT_TRUE(
-        PollUntil([] { return CountMessage(SaLog(), "handle_sa_stop_service_set is_run[1]") >= 1; }, 5s));
+    ASSERT_TRUE(poll_until(
+        [] { return CountMessage(sa_log_messages(), "handle_sa_stop_service_set is_run[1]") >= 1; }, 5s));
     EXPECT_EQ(-1, other.WaitExit(0ms));
     EXPECT_FALSE(call.done());
     kill(other.pid(), SIGKILL);
@@ -402,30 +403,30 @@ TEST_F(ServiceTest, StopOfNameMatchingSeveralProcessesSignalsOnlyTheFirstAndWait
     EXPECT_EQ(SIGKILL, WTERMSIG(other_status));
     EXPECT_GE(seconds, 2.0);
     EXPECT_LT(seconds, 10.0);
-    EXPECT_EQ(kOk, call.answer().bytes);
+    EXPECT_EQ(kOk, call.answer().m_answer);
 }
 
 TEST_F(ServiceTest, StopOfAutoTestStopsTheCompanionsThroughInitAndItselfBySigterm) {
     for (int i = 1; i <= 5; ++i)
         ASSERT_EQ(0, system(("setprop ctl.start zv-qel-mla" + std::to_string(i)).c_str()));
     ASSERT_EQ(0, system("setprop ctl.start zv-auto-test"));
-    ASSERT_TRUE(PollUntil([] { return Exists("/data/zv-auto-test.ready"); }, 10s));
+    ASSERT_TRUE(poll_until([] { return file_exists("/data/zv-auto-test.ready"); }, 10s));
     for (int i = 1; i <= 5; ++i) ASSERT_TRUE(WaitRunning("zv-qel-mla" + std::to_string(i), 10s));
     size_t before = History().size();
 
-    Answer a = Call(handle_sa_stop_service_set, "\"zv-auto-test\"\r");
-    EXPECT_EQ(0, a.ret);
-    EXPECT_EQ(kOk, a.bytes);
+    handler_call_st a = call_handler(handle_sa_stop_service_set, "\"zv-auto-test\"\r");
+    EXPECT_EQ(0, a.m_ret);
+    EXPECT_EQ(kOk, a.m_answer);
     EXPECT_EQ(kFamilyStops, HistorySince(before));
-    EXPECT_EQ("term\n", ReadFile("/data/zv-auto-test.term"));
+    EXPECT_EQ("term\n", read_file("/data/zv-auto-test.term"));
     for (int i = 1; i <= 5; ++i) EXPECT_TRUE(WaitGone("zv-qel-mla" + std::to_string(i), 10s));
 }
 
 TEST_F(ServiceTest, StopOfFamilyNameDoesNotStopTheCompanions) {
     NamedProc member("zv-qel-mla1");
     ASSERT_TRUE(member.Ready());
-    Answer a = Call(handle_sa_stop_service_set, "\"zv-qel-mla\"\r");
-    EXPECT_EQ(kOk, a.bytes);
+    handler_call_st a = call_handler(handle_sa_stop_service_set, "\"zv-qel-mla\"\r");
+    EXPECT_EQ(kOk, a.m_answer);
     int status = member.WaitExit(5s);
     EXPECT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(SIGTERM, WTERMSIG(status));

@@ -14,7 +14,7 @@
 
 #include <cutils/properties.h>
 
-#include "sa-capture-testutil.h"
+#include "capture.h"
 #include "sa-capture.h"
 #include "sa-signal.h"
 

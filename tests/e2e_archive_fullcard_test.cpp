@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "../sa/sa-archive-testutil.h"
+#include "archive.h"
 #include "harness.h"
 
 using namespace zvtest;

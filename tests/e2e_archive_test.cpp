@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "../sa/sa-archive-testutil.h"
+#include "archive.h"
 #include "harness.h"
 
 using namespace zvtest;

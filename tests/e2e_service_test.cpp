@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "../sa/testdata/svc_test_util.h"
+#include "service.h"
 #include "harness.h"
 
 using namespace zvtest;

@@ -1,7 +1,7 @@
 // Tests of the configuration line reader and key/value splitter, on real files under the handset's
 // private /tmp.
 #include "cfg/cfg.h"
-#include "log/log_testutil.h"
+#include "logs.h"
 
 #include <fcntl.h>
 #include <stdio.h>

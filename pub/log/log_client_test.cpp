@@ -1,6 +1,6 @@
 // Tests of the structured log client's objects and locking: calls before a start and on null objects,
 // a lock taken twice, four threads writing at once, and children forked while another thread writes.
-#include "log/log_testutil.h"
+#include "logs.h"
 
 using namespace logtest;
 

@@ -1,7 +1,7 @@
 // Tests of the structured log client's internal faults: the lines of log_internal.log for a record
 // without an open file, a text without a lock, bad arguments and unreadable process names, and the
 // fault line's own layout. Some cases re-execute this binary under a chosen argv[0].
-#include "log/log_testutil.h"
+#include "logs.h"
 
 using namespace logtest;
 

@@ -1,7 +1,7 @@
 // Tests of the structured log client's record layout: the header and footer, the columns and their
 // widths, every level's name and body, messages, prefixes and the bounds of a line. Each test case runs
 // in its own simulated handset (fresh process and /data), so the process-wide log state starts clean.
-#include "log/log_testutil.h"
+#include "logs.h"
 
 using namespace logtest;
 

@@ -1,7 +1,7 @@
 // Tests of the structured log client's files: the ring that keeps the file under its limit, the log
 // directory and the process folder, the file opened at start, and the numbered backups. Each test case
 // runs in its own simulated handset, so the real paths under /data/local/log are used.
-#include "log/log_testutil.h"
+#include "logs.h"
 
 using namespace logtest;
 

@@ -2,7 +2,7 @@
 // private /dev and devpts instance, so the links are made under the real /dev and a client opens the
 // published path exactly as the modem-side tool does.
 #include "pty/pty.h"
-#include "log/log_testutil.h"
+#include "logs.h"
 
 #include <dirent.h>
 #include <errno.h>

@@ -1,7 +1,7 @@
 // Tests of the process and thread utilities: signal names, descriptor mode, thread stop, pid file and
 // the move-only owners. Each test case runs in its own simulated handset, so /tmp is private.
 #include "util/util.h"
-#include "log/log_testutil.h"
+#include "logs.h"
 
 #include <dirent.h>
 #include <errno.h>

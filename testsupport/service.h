@@ -1,8 +1,8 @@
 // Helpers of the service-control tests (unit and end-to-end): processes with a chosen argv[0], the
 // simulated init's property request history, the property service taken away for a while, and the lines
 // of sa.log. Waiting is always a poll with a deadline. Nothing here depends on the daemon's code.
-#ifndef ZV_SA_TESTDATA_SVC_TEST_UTIL_H
-#define ZV_SA_TESTDATA_SVC_TEST_UTIL_H
+#ifndef ZV_TESTSUPPORT_SERVICE_H
+#define ZV_TESTSUPPORT_SERVICE_H
 
 #include <dirent.h>
 #include <errno.h>
@@ -33,30 +33,18 @@ constexpr char kHistory[] = "/dev/__properties__/.history";
 constexpr char kPropArea[] = "/dev/__properties__";
 constexpr char kPropSocket[] = "/dev/socket/property_service";
 constexpr char kSaLogDir[] = "/data/local/log";
-constexpr char kSaLog[] = "/data/local/log/sa.log";
+using zvtest::kSaLog;
 
 constexpr char kOk[] = "\r\nOK\r\n";
 constexpr char kError[] = "\r\nERROR: 4294967295\r\n";
 
-// Polling and files come from the end-to-end harness.
-inline bool PollUntil(const std::function<bool()> &pred, std::chrono::milliseconds timeout) {
-    return zvtest::poll_until(pred, timeout);
-}
-inline std::string ReadFile(const std::string &path) {
-    return zvtest::read_file(path);
-}
-
-inline bool WriteFile(const std::string &path, const std::string &content) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    ssize_t n = write(fd, content.data(), content.size());
-    close(fd);
-    return n == static_cast<ssize_t>(content.size());
-}
-
-inline bool Exists(const std::string &path) {
-    return zvtest::file_exists(path);
-}
+// Polling, files and sa.log come from the daemon harness.
+using zvtest::file_exists;
+using zvtest::find_message;
+using zvtest::poll_until;
+using zvtest::read_file;
+using zvtest::sa_log_messages;
+using zvtest::write_file;
 
 inline std::vector<std::string> Lines(const std::string &text) {
     std::vector<std::string> out;
@@ -68,7 +56,7 @@ inline std::vector<std::string> Lines(const std::string &text) {
 
 // Every property request init received so far, "key=value" each.
 inline std::vector<std::string> History() {
-    return Lines(ReadFile(kHistory));
+    return Lines(read_file(kHistory));
 }
 
 // The requests after the first `from` ones.
@@ -79,21 +67,13 @@ inline std::vector<std::string> HistorySince(size_t from) {
 }
 
 inline std::string Property(const std::string &key) {
-    return ReadFile(std::string(kPropArea) + "/" + key);
-}
-
-inline std::vector<std::string> SaLog() {
-    return zvtest::sa_log_messages(kSaLog);
+    return read_file(std::string(kPropArea) + "/" + key);
 }
 
 inline int CountMessage(const std::vector<std::string> &messages, const std::string &text) {
     int n = 0;
     for (const auto &m : messages) n += m == text ? 1 : 0;
     return n;
-}
-
-inline int FindMessage(const std::vector<std::string> &messages, const std::string &text, int from = 0) {
-    return zvtest::find_message(messages, text, from);
 }
 
 // Prepares the folder of sa.log so that the handlers' file lines can be read back.
@@ -120,7 +100,7 @@ class NamedProc {
             execl("/bin/bash", "bash", "-c", script.c_str(), static_cast<char *>(nullptr));
             _exit(127);
         }
-        PollUntil([this] { return Cmdline().rfind(name_, 0) == 0; }, 10s);
+        poll_until([this] { return Cmdline().rfind(name_, 0) == 0; }, 10s);
     }
     NamedProc(const NamedProc &) = delete;
     NamedProc &operator=(const NamedProc &) = delete;
@@ -131,13 +111,13 @@ class NamedProc {
         }
     }
     pid_t pid() const { return pid_; }
-    std::string Cmdline() const { return ReadFile("/proc/" + std::to_string(pid_) + "/cmdline"); }
+    std::string Cmdline() const { return read_file("/proc/" + std::to_string(pid_) + "/cmdline"); }
     // True once argv[0] is the name.
     bool Ready() const { return Cmdline().rfind(name_, 0) == 0; }
     // Waits for the end within timeout; the wait status, or -1 when it still runs.
     int WaitExit(std::chrono::milliseconds timeout) {
         if (reaped_) return status_;
-        PollUntil(
+        poll_until(
             [this] {
                 int st = 0;
                 if (waitpid(pid_, &st, WNOHANG) != pid_) return false;
@@ -179,7 +159,7 @@ inline std::vector<pid_t> PidsNamed(const std::string &name) {
     while (const struct dirent *e = readdir(dir)) {
         int pid = atoi(e->d_name);
         if (pid < 1) continue;
-        std::string cmd = ReadFile("/proc/" + std::to_string(pid) + "/cmdline");
+        std::string cmd = read_file("/proc/" + std::to_string(pid) + "/cmdline");
         if (!cmd.empty() && std::string(cmd.c_str()) == name) out.push_back(pid);
     }
     closedir(dir);
@@ -188,14 +168,14 @@ inline std::vector<pid_t> PidsNamed(const std::string &name) {
 
 // Waits until a process with argv[0] name runs (started by init, for example).
 inline bool WaitRunning(const std::string &name, std::chrono::milliseconds timeout) {
-    return PollUntil([&] { return !PidsNamed(name).empty(); }, timeout);
+    return poll_until([&] { return !PidsNamed(name).empty(); }, timeout);
 }
 
 // Waits until no process with argv[0] name runs.
 inline bool WaitGone(const std::string &name, std::chrono::milliseconds timeout) {
-    return PollUntil([&] { return PidsNamed(name).empty(); }, timeout);
+    return poll_until([&] { return PidsNamed(name).empty(); }, timeout);
 }
 
 }  // namespace svctest
 
-#endif  // ZV_SA_TESTDATA_SVC_TEST_UTIL_H
+#endif  // ZV_TESTSUPPORT_SERVICE_H

@@ -1,9 +1,11 @@
-// End-to-end test harness: starts the real daemon binary inside the simulated handset the way init
-// does (working folder "/", its own session), and offers file, process and polling helpers. Waiting is
-// always a poll with a deadline, never a fixed sleep.
-#ifndef ZV_TESTS_HARNESS_H
-#define ZV_TESTS_HARNESS_H
+// The daemon harness of the test-support library: starts the real daemon binary inside the simulated
+// handset the way init does (working folder "/", its own session), and offers the one set of file,
+// process, polling, sa.log and pty-client helpers that unit and end-to-end tests share. Waiting is always
+// a poll with a deadline, never a fixed sleep.
+#ifndef ZV_TESTSUPPORT_HARNESS_H
+#define ZV_TESTSUPPORT_HARNESS_H
 
+#include <stdint.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -38,7 +40,8 @@ bool poll_until(const std::function<bool()> &pred, std::chrono::milliseconds tim
 
 bool file_exists(const std::string &path);
 std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &content, int mode = 0644);
+// Writes content to path (its folders made first); true when all of it was written.
+bool write_file(const std::string &path, const std::string &content, int mode = 0644);
 // Creates every missing folder of path.
 void make_dirs(const std::string &path);
 std::vector<std::string> read_lines(const std::string &path);
@@ -83,6 +86,11 @@ std::string cmd_request(int fd, const std::string &request,
 std::string cmd_request_once(const std::string &request,
                              std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
+// Leaves `bytes` available on /data with a preallocated filler, /data/filler (made anew each time); false
+// when /data has less than that or the filler cannot be made. Exact to the byte only while nothing else
+// writes to /data, and when bytes is a whole number of blocks.
+bool leave_data_available(uint64_t bytes);
+
 // Whether a process in this handset may lower its own oom_adj: it needs CAP_SYS_RESOURCE of the machine,
 // which a container or a user namespace may withhold whatever the capability sets inside say.
 bool can_lower_oom_adj();
@@ -96,4 +104,4 @@ std::string link_target(const std::string &path);
 
 }  // namespace zvtest
 
-#endif  // ZV_TESTS_HARNESS_H
+#endif  // ZV_TESTSUPPORT_HARNESS_H

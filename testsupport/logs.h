@@ -1,8 +1,9 @@
-// Test helpers shared by the common library's unit tests: start the process-wide log client and read
-// back what it wrote; and, in namespace logtest, the helpers of the log client's own tests (the exact
-// texts of the file, the columns of a record, files, polling, threads and children).
-#ifndef ZV_PUB_LOG_LOG_TESTUTIL_H
-#define ZV_PUB_LOG_LOG_TESTUTIL_H
+// The structured log as the tests read it: start the process-wide log client and read back what it wrote
+// (the one reader of the client's file, for the library's and the daemon's unit tests alike); and, in
+// namespace logtest, the helpers of the log client's own tests (the exact texts of the file, the columns
+// of a record, threads and children).
+#ifndef ZV_TESTSUPPORT_LOGS_H
+#define ZV_TESTSUPPORT_LOGS_H
 
 #include <gtest/gtest.h>
 
@@ -25,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "harness.h"
 #include "log/log_client.h"
 
 // Starts the process-wide log client (its file lands under /data/local/log in the handset).
@@ -81,19 +83,11 @@ inline std::string ProcName() {
 }
 
 inline std::string Slurp(const std::string &path) {
-    std::string out;
-    FILE *fp = fopen(path.c_str(), "re");
-    if (fp == nullptr) return out;
-    char buf[65536];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) out.append(buf, n);
-    fclose(fp);
-    return out;
+    return zvtest::read_file(path);
 }
 
 inline bool Exists(const std::string &path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    return zvtest::file_exists(path);
 }
 
 inline long FileSize(const std::string &path) {
@@ -223,16 +217,7 @@ inline bool MutexFree() {
 
 // Polls cond every millisecond until it holds or the deadline passes; returns its last value.
 inline bool PollUntil(const std::function<bool()> &cond, int seconds) {
-    struct timespec start;
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    for (;;) {
-        if (cond()) return true;
-        struct timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (now.tv_sec - start.tv_sec > seconds) return cond();
-        struct timespec pause = {0, 1000000};
-        nanosleep(&pause, nullptr);
-    }
+    return zvtest::poll_until(cond, std::chrono::seconds(seconds));
 }
 
 // Waits for a child with a deadline; false (child killed) when it does not end in time.
@@ -258,4 +243,4 @@ inline bool WaitBlocked(const std::atomic<pid_t> &tid) {
 
 }  // namespace logtest
 
-#endif  // ZV_PUB_LOG_LOG_TESTUTIL_H
+#endif  // ZV_TESTSUPPORT_LOGS_H

@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <dirent.h>
 #include <poll.h>
@@ -101,14 +102,14 @@ std::string read_file(const std::string &path) {
     return ss.str();
 }
 
-void write_file(const std::string &path, const std::string &content, int mode) {
+bool write_file(const std::string &path, const std::string &content, int mode) {
     size_t slash = path.rfind('/');
     if (slash != std::string::npos && slash > 0) make_dirs(path.substr(0, slash));
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0) return;
+    if (fd < 0) return false;
     ssize_t n = write(fd, content.data(), content.size());
-    (void)n;
     close(fd);
+    return n == static_cast<ssize_t>(content.size());
 }
 
 void make_dirs(const std::string &path) {
@@ -222,6 +223,20 @@ std::string cmd_request_once(const std::string &request, std::chrono::millisecon
     std::string answer = cmd_request(fd, request, timeout);
     close(fd);
     return answer;
+}
+
+bool leave_data_available(uint64_t bytes) {
+    constexpr char kFiller[] = "/data/filler";
+    unlink(kFiller);
+    struct statfs st;
+    if (statfs("/data", &st) != 0) return false;
+    uint64_t avail = static_cast<uint64_t>(st.f_bavail) * st.f_bsize;
+    if (avail < bytes) return false;
+    int fd = open(kFiller, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    bool ok = avail == bytes || posix_fallocate(fd, 0, static_cast<off_t>(avail - bytes)) == 0;
+    close(fd);
+    return ok;
 }
 
 bool can_lower_oom_adj() {

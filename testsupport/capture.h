@@ -1,8 +1,10 @@
-// Helpers shared by the unit tests of the log capture, which run inside a simulated handset: the log
-// client's records and the sa.log lines as text, handler calls through a pipe, polling with a deadline,
-// files, processes and threads seen through /proc, and hiding a program that the handset binds in.
-#ifndef ZV_SA_SA_CAPTURE_TESTUTIL_H
-#define ZV_SA_SA_CAPTURE_TESTUTIL_H
+// Helpers of the daemon's unit tests that run capture, switches and archive code inside a simulated
+// handset: the handset's folders, the log client started as the daemon starts it, the handler state
+// reset, processes and threads seen through /proc, free space on /data, and hiding a program that the
+// handset binds in. Handler calls, the structured log and sa.log, polling and files come from
+// handler.h, logs.h and harness.h, which this header brings along.
+#ifndef ZV_TESTSUPPORT_CAPTURE_H
+#define ZV_TESTSUPPORT_CAPTURE_H
 
 #include <dirent.h>
 #include <errno.h>
@@ -27,6 +29,8 @@
 
 #include "log/log_client.h"
 #include "sa-capture.h"
+#include "handler.h"
+#include "logs.h"
 #include "harness.h"
 #include "sa-handle.h"
 #include "sa-handlers.h"
@@ -90,59 +94,16 @@ inline void reset_capture_state() {
     snprintf(g_log_path_a, sizeof(g_log_path_a), "%s", SA_LOG_DIR);
 }
 
-// The log client's records so far (the file in <dir>/<process>-log/ that is not the fault file).
-inline std::string log_text() {
-    std::string text;
-    DIR *top = opendir(kLogClientDir);
-    if (top == nullptr) return text;
-    while (dirent *d = readdir(top)) {
-        std::string name = d->d_name;
-        if (name.size() < 4 || name.compare(name.size() - 4, 4, "-log") != 0) continue;
-        std::string sub = std::string(kLogClientDir) + "/" + name;
-        DIR *dir = opendir(sub.c_str());
-        if (dir == nullptr) continue;
-        while (dirent *f = readdir(dir)) {
-            std::string file = f->d_name;
-            if (file.size() > 4 && file.compare(file.size() - 4, 4, ".log") == 0 &&
-                file != "log_internal.log")
-                text += read_file(sub + "/" + file);
-        }
-        closedir(dir);
-    }
-    closedir(top);
-    return text;
-}
+// The log client's records come from logs.h (log_text reads the process-wide client's file).
 
 // Position of the first record at or after from that contains text, or npos.
 inline size_t log_find(const std::string &text, size_t from = 0) {
     return log_text().find(text, from);
 }
 
-// One handler call with a pipe as the channel: the result and the bytes answered.
-struct handler_call_st {
-    long m_ret;
-    std::string m_answer;
-};
-
-inline handler_call_st call_handler(sa_cmd_handler_fn fn, const std::string &param) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return {-1000, ""};
-    sa_msg_st req;
-    sa_msg_st rsp;
-    memset(&req, 0, sizeof(req));
-    memset(&rsp, 0, sizeof(rsp));
-    snprintf(req.m_data_a, sizeof(req.m_data_a), "SA+X=%s", param.c_str());
-    req.m_len = static_cast<uint16_t>(strlen(req.m_data_a));
-    const char *p = req.m_data_a + 5;
-    long ret = fn(fds[1], &req, &rsp, p);
-    close(fds[1]);
-    std::string answer;
-    char buf[256];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof(buf))) > 0) answer.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    return {ret, answer};
-}
+// Handler calls come from handler.h.
+using zvtest::call_handler;
+using zvtest::handler_call_st;
 
 constexpr char kOk[] = "\r\nOK\r\n";
 constexpr char kError[] = "\r\nERROR: 4294967295\r\n";
@@ -188,24 +149,17 @@ inline void settle_threads() {
     poll_until([&] { return !file_exists(task); }, 2s);
 }
 
-// Leaves exactly free_kb KB (a multiple of the block size) available on /data with a preallocated filler.
-inline void set_data_available_kb(uint64_t free_kb) {
-    constexpr char kFiller[] = "/data/filler";
-    unlink(kFiller);
+// Leaves exactly `bytes` available on /data (a whole number of blocks) with a preallocated filler.
+inline void set_data_available_bytes(uint64_t bytes) {
+    ASSERT_TRUE(zvtest::leave_data_available(bytes)) << bytes;
     struct statfs st;
     ASSERT_EQ(0, statfs("/data", &st));
-    uint64_t avail = static_cast<uint64_t>(st.f_bavail) * st.f_bsize;
-    uint64_t want = free_kb * 1024;
-    ASSERT_EQ(0u, want % st.f_bsize);
-    ASSERT_GE(avail, want);
-    int fd = open(kFiller, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0);
-    if (avail > want) {
-        ASSERT_EQ(0, posix_fallocate(fd, 0, static_cast<off_t>(avail - want)));
-    }
-    close(fd);
-    ASSERT_EQ(0, statfs("/data", &st));
-    ASSERT_EQ(want, static_cast<uint64_t>(st.f_bavail) * st.f_bsize);
+    ASSERT_EQ(bytes, static_cast<uint64_t>(st.f_bavail) * st.f_bsize);
+}
+
+// The same in KB, which must be a whole number of blocks.
+inline void set_data_available_kb(uint64_t free_kb) {
+    set_data_available_bytes(free_kb * 1024);
 }
 
 // Takes away a program or library that the handset binds in (the bind mount, then the file under it).
@@ -221,4 +175,4 @@ inline std::string recorded_args(const std::string &dir, pid_t pid) {
 
 }  // namespace sa_capture_test
 
-#endif  // ZV_SA_SA_CAPTURE_TESTUTIL_H
+#endif  // ZV_TESTSUPPORT_CAPTURE_H

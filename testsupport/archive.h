@@ -1,8 +1,8 @@
-// Helpers shared by the tests of the log archive, unit and end-to-end alike (the end-to-end tests include
-// this header by its path): the save folder name for a time, folder listings, files with their folders,
-// filling a file system, and the handler argument check seen from a caller. Plain C++ and POSIX only.
-#ifndef ZV_SA_SA_ARCHIVE_TESTUTIL_H
-#define ZV_SA_SA_ARCHIVE_TESTUTIL_H
+// Helpers of the log archive's tests, unit and end-to-end alike: the save folder name for a time, folder
+// listings, files with their folders, filling a file system, and the flag lines the handler argument check
+// traces. Plain C++ and POSIX; the bad-argument calls themselves are handler.h's.
+#ifndef ZV_TESTSUPPORT_ARCHIVE_H
+#define ZV_TESTSUPPORT_ARCHIVE_H
 
 #include <dirent.h>
 #include <errno.h>
@@ -20,6 +20,8 @@
 #include <iterator>
 #include <string>
 #include <vector>
+
+#include "harness.h"
 
 namespace archive_test {
 
@@ -108,49 +110,7 @@ inline bool fill_file_system(const std::string &dir) {
 
 // Grows the filler file until only free_kb KB of /data are left for ordinary users; true when done.
 inline bool leave_data_available_kb(uint64_t free_kb) {
-    struct statfs st;
-    if (statfs("/data", &st) != 0) return false;
-    uint64_t avail = static_cast<uint64_t>(st.f_bavail) * st.f_bsize;
-    if (avail <= free_kb * 1024) return false;
-    int fd = open("/data/filler", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    bool ok = posix_fallocate(fd, 0, static_cast<off_t>(avail - free_kb * 1024)) == 0;
-    close(fd);
-    return ok;
-}
-
-// Calls a command handler with each bad argument in turn (fd 0, no request, an empty request, no
-// response, no parameter) for the request text; returns the five results and, last, the bytes that
-// reached the channel (there must be none).
-template <typename Msg, typename Handler>
-std::vector<std::string> call_with_bad_arguments(Handler handler, const char *request) {
-    std::vector<std::string> out;
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return out;
-    Msg req;
-    Msg rsp;
-    memset(&req, 0, sizeof(req));
-    memset(&rsp, 0, sizeof(rsp));
-    snprintf(req.m_data_a, sizeof(req.m_data_a), "%s\r", request);
-    req.m_len = static_cast<uint16_t>(strlen(req.m_data_a));
-    const char *param = req.m_data_a + strlen(request);
-    Msg empty = req;
-    empty.m_len = 0;
-
-    out.push_back(std::to_string(handler(0, &req, &rsp, param)));
-    out.push_back(std::to_string(handler(fds[1], nullptr, &rsp, param)));
-    out.push_back(std::to_string(handler(fds[1], &empty, &rsp, param)));
-    out.push_back(std::to_string(handler(fds[1], &req, nullptr, param)));
-    out.push_back(std::to_string(handler(fds[1], &req, &rsp, nullptr)));
-
-    std::string answered;
-    char buf[64];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof(buf))) > 0) answered.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    close(fds[1]);
-    out.push_back(answered);
-    return out;
+    return zvtest::leave_data_available(free_kb * 1024);
 }
 
 // The flag lines the argument check traces for those five calls, in the same order.
@@ -160,4 +120,4 @@ inline std::vector<std::string> bad_argument_traces() {
 
 }  // namespace archive_test
 
-#endif  // ZV_SA_SA_ARCHIVE_TESTUTIL_H
+#endif  // ZV_TESTSUPPORT_ARCHIVE_H
