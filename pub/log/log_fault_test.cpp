@@ -78,13 +78,15 @@ TEST(LogClientFault, GetProcessNameCutToSize) {
     EXPECT_EQ(std::string(strrchr(exe, '/') + 1), ProcName()) << "argv[0] after its last slash";
 }
 
-TEST(LogClientFault, GetProcessNameEndingInSlashRefused) {
+// Re-executes this binary with argv[0] set to arg0 to run the child check `mode` (see ChildHook);
+// expects it to pass (exit status 42).
+void RunChildCheck(const char *mode, const char *arg0) {
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        setenv("ZV_LOG_CLIENT_TEST_CHILD", "name-ends-in-slash", 1);
-        char arg0[] = "/data/weird/";
-        char *argv[] = {arg0, nullptr};
+        setenv("ZV_LOG_CLIENT_TEST_CHILD", mode, 1);
+        std::string name = arg0;
+        char *argv[] = {&name[0], nullptr};
         execv("/proc/self/exe", argv);
         _exit(2);
     }
@@ -92,6 +94,10 @@ TEST(LogClientFault, GetProcessNameEndingInSlashRefused) {
     ASSERT_TRUE(WaitChild(pid, &status, 20));
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(42, WEXITSTATUS(status));
+}
+
+TEST(LogClientFault, GetProcessNameEndingInSlashRefused) {
+    RunChildCheck("name-ends-in-slash", "/data/weird/");
     // The name reads back empty, so the client keeps its files in "<dir>/-log".
     std::string text = Slurp("/data/local/log/child/-log/log_internal.log");
     EXPECT_NE(std::string::npos, text.find("log/log_client -> get_process_name -> ")) << text;
@@ -99,19 +105,7 @@ TEST(LogClientFault, GetProcessNameEndingInSlashRefused) {
 }
 
 TEST(LogClientFault, EmptyProcessNameStillGetsItsDashLogFolder) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        setenv("ZV_LOG_CLIENT_TEST_CHILD", "empty-name", 1);
-        char arg0[] = "";
-        char *argv[] = {arg0, nullptr};
-        execv("/proc/self/exe", argv);
-        _exit(2);
-    }
-    int status = 0;
-    ASSERT_TRUE(WaitChild(pid, &status, 20));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(42, WEXITSTATUS(status));
+    RunChildCheck("empty-name", "");
     struct stat st;
     EXPECT_EQ(0, stat("/data/local/log/empty/-log/child.log", &st)) << "the records land in \"<dir>/-log\"";
     EXPECT_NE(0, stat("/data/local/log/empty/child.log", &st)) << "not in the bare directory";
