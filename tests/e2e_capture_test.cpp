@@ -493,7 +493,12 @@ TEST_F(CaptureTest, PropertyValueOfAnyShapeIsTracedAndTheDaemonKeepsServing) {
         fd_ = -1;
         kill_and_reap(daemon_.pid);
         daemon_.pid = -1;
+        // Nothing of this daemon may pass for the next one's: not its records, its sa.log lines (the
+        // start-up line StartDaemon waits for) nor its links.
         unlink(kLogClientFile);
+        unlink(kSaLog);
+        unlink(kCmdLink);
+        unlink(kListenerLink);
     }
 }
 

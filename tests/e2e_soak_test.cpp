@@ -103,6 +103,20 @@ class SoakTest : public ::testing::Test {
         // The command thread traces each request after its answer: the baseline waits for the last one.
         SaLogCounter served("sa_handle_read_cmd_loop req[");
         ASSERT_TRUE(poll_until([&] { return served.count() == 3; }, 10s)) << read_file(kSaLog);
+        // And for the daemon to be at rest (start-up's last steps may still hold a descriptor): the same
+        // counts over several readings in a row.
+        int same = 0;
+        Holdings last = holdings_of(daemon_.pid);
+        ASSERT_TRUE(poll_until(
+            [&] {
+                Holdings now = holdings_of(daemon_.pid);
+                same = now.fds == last.fds && now.threads == last.threads && now.children == last.children
+                           ? same + 1
+                           : 0;
+                last = now;
+                return same >= 10;
+            },
+            20s));
         before_ = holdings_of(daemon_.pid);
     }
     void TearDown() override {
