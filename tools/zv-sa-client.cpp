@@ -1,133 +1,272 @@
-// zv-sa-client: talks to the daemon from the handset.
-//
-//   zv-sa-client [-l LINK] [-t SECONDS] REQUEST...   send each request (a "\r" is added), print answers
-//   zv-sa-client [-l LINK]                           read request lines from standard input
-//   zv-sa-client -s [COMMAND]                        a shell through /dev/ttysa1 ("shell:COMMAND")
-//   zv-sa-client -k                                  ask the listener to end the daemon ("host:kill")
-//
-// Answers are printed with their control characters made visible (\r, \n), one answer a line, so a
-// person sees the exact bytes. Exit status: 0 when every answer was OK, 1 when one was ERROR, 2 when
-// the channel could not be used.
-#include <errno.h>
-#include <poll.h>
+// zv-sa-client: drives the daemon from the handset, by hand or from a test script. One verb per
+// command of the command channel, a remote shell through the listener, and raw request lines; see
+// usage() and docs/client.md.
+#include <dirent.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <set>
 #include <string>
+#include <vector>
 
-#include "client.h"
+#include "client-channel.h"
+#include "client-shell.h"
+#include "client-verbs.h"
 
-static constexpr char kDefaultLink[] = "/dev/ttySA0";
-static constexpr char kListener[] = "/dev/ttysa1";
+namespace {
 
-static void usage() {
-    fprintf(stderr,
-            "usage: zv-sa-client [-l LINK] [-t SECONDS] [REQUEST...]\n"
-            "       zv-sa-client -s [COMMAND]\n"
-            "       zv-sa-client -k\n"
-            "  REQUEST   a request line without its \\r, e.g. 'SA+QUERY_SERVICE=\"zv-elog\"' or AT\n"
-            "  -l LINK   the command channel's link (default %s)\n"
-            "  -t SECS   how long to wait for each answer (default 30)\n"
-            "  -s        run COMMAND (or an interactive shell) on a pty from %s\n"
-            "  -k        end the daemon through %s\n",
-            kDefaultLink, kListener, kListener);
+constexpr char kDefaultLink[] = "/dev/ttySA0";
+constexpr char kCard[] = "/storage/real_sd";
+constexpr char kCardLogRoot[] = "/storage/real_sd/logs";
+
+void usage(FILE *out) {
+    fprintf(
+        out,
+        "usage: zv-sa-client [OPTIONS] VERB [ARGS...]\n"
+        "       zv-sa-client [OPTIONS] REQUEST...      (request lines, as 'SA+KERNEL_LOG?' or AT)\n"
+        "       zv-sa-client [OPTIONS]                 (verb or request lines from standard input)\n"
+        "\n"
+        "verbs:\n"
+        "  start NAME                    start an init service (the daemon polls up to 8 s)\n"
+        "  stop NAME                     stop an init service (the daemon polls up to 10 s)\n"
+        "  query NAME                    is a process of that name running?\n"
+        "  autostart add|remove|status NAME\n"
+        "                                the list of services started at every boot\n"
+        "  kernel-log on|off|status      kernel log capture\n"
+        "  dmesg-log on|off|status       dmesg capture\n"
+        "  packets on|off                packet capture switch; off ends the daemon (needs --yes)\n"
+        "  save-log                      copy every log to the card; names the folder it made\n"
+        "  delete-log                    delete the captured logs and restart capture\n"
+        "  system CMDLINE                run a shell command line on the daemon (up to five tries)\n"
+        "  shell [COMMAND]               a remote shell through %s; exits with its status\n"
+        "  kill                          end the daemon through %s\n"
+        "  raw REQUEST...                send request lines as they are; print answers with \\r \\n shown\n"
+        "\n"
+        "options:\n"
+        "  -l LINK      the command channel's link (default %s)\n"
+        "  -t SECONDS   how long to wait for an answer (default: what the command needs)\n"
+        "  -v           show requests, answers and waits on stderr\n"
+        "  --json       one JSON object per request on stdout (verb, request, answer, ok, value,\n"
+        "               elapsed_ms, exit_code, message)\n"
+        "  -y, --yes    confirm a request that ends the daemon (packets off)\n"
+        "  -s [COMMAND] the same as shell;  -k  the same as kill\n"
+        "\n"
+        "exit status:\n"
+        "  0    OK\n"
+        "  1    the daemon answered ERROR\n"
+        "  2    usage error, or the channel could not be used\n"
+        "  3    query: not running; autostart status: not in the list\n"
+        "  124  the answer did not come in time\n"
+        "  shell: the remote command's own status (128+N when signal N ended it)\n",
+        kListenerLink, kListenerLink, kDefaultLink);
 }
 
-static std::string visible(const std::string &s) {
-    std::string out;
-    for (unsigned char c : s) {
-        if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c < 0x20 || c > 0x7E) {
-            char hex[8];
-            snprintf(hex, sizeof(hex), "\\x%02X", c);
-            out += hex;
-        } else {
-            out += static_cast<char>(c);
-        }
+struct options {
+    std::string link = kDefaultLink;
+    int timeout_ms = 0;  // 0: each command's own
+    bool json = false;
+    bool yes = false;
+    zv_client_report report;
+};
+
+// The folders under the card's log root.
+std::set<std::string> card_folders() {
+    std::set<std::string> out;
+    DIR *dir = opendir(kCardLogRoot);
+    if (dir == nullptr) return out;
+    while (struct dirent *e = readdir(dir)) {
+        if (e->d_name[0] == '.') continue;
+        std::string path = std::string(kCardLogRoot) + "/" + e->d_name;
+        struct stat st;
+        if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) out.insert(path);
     }
+    closedir(dir);
     return out;
 }
 
-// Sends one request; prints its answer. 0 for OK, 1 for ERROR, 2 when no answer came.
-static int send_one(int fd, const std::string &line, int timeout_ms) {
-    std::string answer;
-    bool done = zv_client_request(fd, line + "\r", &answer, timeout_ms);
-    printf("%s\n", visible(answer).c_str());
+void print_json(const zv_verb_request &req, const std::string &request, const std::string &answer, bool ok,
+                const std::string &value, long long elapsed_ms, int exit_code, const std::string &message) {
+    printf(
+        "{\"verb\":%s,\"request\":%s,\"answer\":%s,\"ok\":%s,\"value\":%s,\"elapsed_ms\":%lld,"
+        "\"exit_code\":%d,\"message\":%s}\n",
+        zv_json_string(req.verb).c_str(), zv_json_string(request).c_str(), zv_json_string(answer).c_str(),
+        ok ? "true" : "false", value.empty() ? "null" : value.c_str(), elapsed_ms, exit_code,
+        zv_json_string(message).c_str());
     fflush(stdout);
-    if (!done) return 2;
-    return answer.size() >= 6 && answer.compare(answer.size() - 6, 6, "\r\nOK\r\n") == 0 ? 0 : 1;
 }
 
-// Copies between the terminal and the shell's pty until the shell ends.
-static int relay(int pty) {
-    char buf[1024];
-    bool stdin_open = true;
-    while (true) {
-        struct pollfd p[2] = {{pty, POLLIN, 0}, {0, static_cast<short>(stdin_open ? POLLIN : 0), 0}};
-        if (poll(p, 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            return 2;
-        }
-        if (p[0].revents != 0) {
-            ssize_t n = read(pty, buf, sizeof(buf));
-            if (n <= 0) return 0;  // the shell ended and its pty closed
-            if (!zv_client_write_all(1, buf, static_cast<size_t>(n))) return 2;
-        }
-        if (stdin_open && p[1].revents != 0) {
-            ssize_t n = read(0, buf, sizeof(buf));
-            if (n <= 0) {
-                stdin_open = false;
-                continue;
-            }
-            if (!zv_client_write_all(pty, buf, static_cast<size_t>(n))) return 0;
-        }
+// A failure of the client itself: stderr for people, a JSON object for scripts.
+int client_failure(const options &opt, const zv_verb_request &req, int exit_code, const std::string &why,
+                   const std::string &answer = "", long long elapsed_ms = 0) {
+    if (opt.json) {
+        print_json(req, req.request, answer, false, "", elapsed_ms, exit_code, why);
+    } else {
+        fprintf(stderr, "zv-sa-client: %s\n", why.c_str());
     }
+    return exit_code;
 }
 
-static int run_listener(const std::string &request, bool interactive_relay) {
-    int fd = zv_client_open(kListener);
-    if (fd < 0) {
-        fprintf(stderr, "zv-sa-client: cannot open %s: %s\n", kListener, strerror(errno));
-        return 2;
+int run_command(const options &opt, zv_command_channel *channel, const zv_verb_request &req) {
+    bool ends_daemon = req.meaning == zv_answer_meaning::switch_set && req.verb == "packets" && !req.on;
+    if (ends_daemon && !opt.yes) {
+        return client_failure(
+            opt, req, kExitUsage,
+            "packets off ends the daemon itself: it sends SIGKILL to its own process group, "
+            "and init then restarts it. Add --yes to do that.");
     }
-    if (!zv_client_write_all(fd, request.data(), request.size())) return 2;
-    if (!interactive_relay) {
-        close(fd);
-        return 0;
+    zv_verb_context ctx;
+    std::set<std::string> before;
+    if (req.meaning == zv_answer_meaning::saved) {
+        ctx.card_present = access(kCard, F_OK) == 0;
+        before = card_folders();
     }
-    std::string name;
-    zv_client_read_until(
-        fd, &name, [](const std::string &s) { return !s.empty(); }, 10000);
-    int pty = name.empty() ? -1 : zv_client_open(name.c_str());
-    if (pty < 0) {
-        fprintf(stderr, "zv-sa-client: no shell pty from %s\n", kListener);
-        return 2;
+    int timeout_ms = opt.timeout_ms > 0 ? opt.timeout_ms : req.timeout_ms;
+    long long start = zv_client_now_ms();
+    zv_channel_lock lock(channel->link());
+    if (!lock.acquire(start + std::max(timeout_ms, 600000), opt.report)) {
+        return client_failure(opt, req, kExitTimeout, "another client held " + channel->link() + " too long");
     }
-    zv_client_write_all(fd, "ok", 2);
-    int ret = relay(pty);
-    close(pty);
-    close(fd);
-    return ret;
+    long long sent = zv_client_now_ms();
+    std::string answer, why;
+    zv_read_end end = channel->request(req.request, &answer, sent + timeout_ms, req.verb.c_str(),
+                                       !ends_daemon, opt.report, &why);
+    lock.release();
+    long long elapsed = zv_client_now_ms() - sent;
+    zv_client_say(opt.report, "<- %s (%lld ms)", zv_visible(answer).c_str(), elapsed);
+
+    if (ends_daemon && end == zv_read_end::closed && answer.empty()) {
+        std::string line = "packet capture: off; the daemon ended itself (init restarts it)";
+        if (opt.json) {
+            print_json(req, req.request, answer, true, "0", elapsed, kExitOk, line);
+        } else {
+            printf("%s\n", line.c_str());
+        }
+        return kExitOk;
+    }
+    ctx.answered = end == zv_read_end::answered;
+    ctx.closed = end == zv_read_end::closed;
+    if (ctx.answered && req.meaning == zv_answer_meaning::saved) {
+        std::set<std::string> after = card_folders();
+        for (const std::string &f : after) {
+            if (before.count(f) == 0 && f > ctx.saved_folder) ctx.saved_folder = f;
+        }
+    }
+    zv_verb_request shown = req;
+    shown.timeout_ms = timeout_ms;
+    zv_verb_outcome out = zv_verb_interpret(shown, answer, ctx);
+    if (opt.json) {
+        print_json(req, req.request, answer, out.ok, out.value_json, elapsed, out.exit_code,
+                   ctx.answered || why.empty() ? out.line : why);
+        return out.exit_code;
+    }
+    if (req.meaning == zv_answer_meaning::raw) {
+        printf("%s\n", out.line.c_str());
+        fflush(stdout);
+        if (!ctx.answered)
+            fprintf(stderr, "zv-sa-client: %s\n", why.empty() ? "no answer in time" : why.c_str());
+        return out.exit_code;
+    }
+    if (!ctx.answered) {
+        fprintf(stderr, "zv-sa-client: %s\n", why.empty() ? out.line.c_str() : why.c_str());
+    } else {
+        printf("%s\n", out.line.c_str());
+        fflush(stdout);
+    }
+    return out.exit_code;
 }
+
+int run_shell(const options &opt, const zv_verb_request &req, bool from_prompt) {
+    if (req.interactive && opt.json)
+        return client_failure(opt, req, kExitUsage, "--json needs a shell COMMAND");
+    zv_shell_options so;
+    so.capture = opt.json;
+    // A command typed at the prompt does not take the prompt's own input.
+    so.relay_stdin = req.interactive || !from_prompt;
+    if (opt.timeout_ms > 0) so.deadline_ms = zv_client_now_ms() + opt.timeout_ms;
+    long long start = zv_client_now_ms();
+    fflush(stdout);
+    zv_shell_result r = zv_shell_run(req.request, so, opt.report);
+    long long elapsed = zv_client_now_ms() - start;
+    if (opt.json) {
+        print_json(req, req.request, r.output, r.status_known,
+                   r.status_known ? std::to_string(r.status) : std::string(), elapsed, r.exit_code,
+                   r.status_known ? "the shell ended with status " + std::to_string(r.status) : r.why);
+    } else if (!r.status_known) {
+        fprintf(stderr, "zv-sa-client: %s\n", r.why.c_str());
+    }
+    return r.exit_code;
+}
+
+int run_kill(const options &opt, const zv_verb_request &req) {
+    std::string why;
+    if (!zv_listener_kill(kListenerLink, opt.report, &why)) return client_failure(opt, req, kExitUsage, why);
+    std::string line = "kill: the daemon was told to exit";
+    if (opt.json) {
+        print_json(req, req.request, "", true, "", 0, kExitOk, line);
+    } else {
+        printf("%s\n", line.c_str());
+    }
+    return kExitOk;
+}
+
+int run(const options &opt, zv_command_channel *channel, const zv_verb_request &req, bool from_prompt) {
+    switch (req.target) {
+        case zv_verb_target::shell:
+            return run_shell(opt, req, from_prompt);
+        case zv_verb_target::kill:
+            return run_kill(opt, req);
+        case zv_verb_target::command:
+            break;
+    }
+    return run_command(opt, channel, req);
+}
+
+int usage_error(const std::string &why) {
+    fprintf(stderr, "zv-sa-client: %s\n", why.c_str());
+    fprintf(stderr, "zv-sa-client: see zv-sa-client --help\n");
+    return kExitUsage;
+}
+
+}  // namespace
 
 int main(int argc, char **argv) {
-    const char *link = kDefaultLink;
-    int timeout_ms = 30000;
+    options opt;
+    opt.report.progress = isatty(2) != 0;
     bool shell = false;
     bool kill_daemon = false;
-    int opt;
-    while ((opt = getopt(argc, argv, "+l:t:skh")) != -1) {
-        switch (opt) {
+    static const struct option kLong[] = {{"json", no_argument, nullptr, 'j'},
+                                          {"yes", no_argument, nullptr, 'y'},
+                                          {"help", no_argument, nullptr, 'h'},
+                                          {nullptr, 0, nullptr, 0}};
+    int c;
+    while ((c = getopt_long(argc, argv, "+l:t:vyskh", kLong, nullptr)) != -1) {
+        switch (c) {
             case 'l':
-                link = optarg;
+                opt.link = optarg;
                 break;
-            case 't':
-                timeout_ms = atoi(optarg) * 1000;
+            case 't': {
+                char *end = nullptr;
+                double s = strtod(optarg, &end);
+                if (end == optarg || *end != '\0' || !(s > 0) || s > 86400) {
+                    return usage_error(std::string("-t takes a number of seconds, not '") + optarg + "'");
+                }
+                opt.timeout_ms = static_cast<int>(s * 1000 + 0.5);
+                if (opt.timeout_ms == 0) opt.timeout_ms = 1;
+                break;
+            }
+            case 'v':
+                opt.report.verbose = true;
+                break;
+            case 'j':
+                opt.json = true;
+                break;
+            case 'y':
+                opt.yes = true;
                 break;
             case 's':
                 shell = true;
@@ -135,47 +274,56 @@ int main(int argc, char **argv) {
             case 'k':
                 kill_daemon = true;
                 break;
+            case 'h':
+                usage(stdout);
+                return kExitOk;
             default:
-                usage();
-                return opt == 'h' ? 0 : 2;
+                usage(stderr);
+                return kExitUsage;
         }
     }
-    if (kill_daemon) return run_listener("host:kill", false);
-    if (shell) {
-        std::string request = "shell:";
-        for (int i = optind; i < argc; ++i) request += std::string(i > optind ? " " : "") + argv[i];
-        return run_listener(request, true);
+    std::vector<std::string> words(argv + optind, argv + argc);
+    if (shell) words.insert(words.begin(), "shell");
+    if (kill_daemon) {
+        if (!words.empty()) return usage_error("-k takes no arguments");
+        words = {"kill"};
     }
 
-    int fd = zv_client_open(link);
-    if (fd < 0) {
-        fprintf(stderr, "zv-sa-client: cannot open %s: %s\n", link, strerror(errno));
-        return 2;
+    zv_command_channel channel(opt.link);
+    if (!words.empty()) {
+        std::vector<zv_verb_request> requests;
+        std::string error;
+        if (!zv_verb_parse(words, &requests, &error)) return usage_error(error);
+        int worst = kExitOk;
+        for (const zv_verb_request &req : requests)
+            worst = zv_exit_combine(worst, run(opt, &channel, req, false));
+        return worst;
     }
-    int worst = 0;
-    if (optind < argc) {
-        for (int i = optind; i < argc; ++i) {
-            int r = send_one(fd, argv[i], timeout_ms);
-            if (r > worst) worst = r;
+
+    // Verb or request lines from standard input, with a prompt on a terminal.
+    bool tty = isatty(0) != 0;
+    int worst = kExitOk;
+    char *line = nullptr;
+    size_t cap = 0;
+    while (true) {
+        if (tty) {
+            printf("zv-sa> ");
+            fflush(stdout);
         }
-    } else {
-        bool tty = isatty(0) != 0;
-        char *line = nullptr;
-        size_t cap = 0;
-        while (true) {
-            if (tty) {
-                printf("zv-sa> ");
-                fflush(stdout);
-            }
-            ssize_t n = getline(&line, &cap, stdin);
-            if (n < 0) break;
-            while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) line[--n] = '\0';
-            if (n == 0) continue;
-            int r = send_one(fd, line, timeout_ms);
-            if (r > worst) worst = r;
+        ssize_t n = getline(&line, &cap, stdin);
+        if (n < 0) break;
+        while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r')) line[--n] = '\0';
+        if (strspn(line, " \t") == static_cast<size_t>(n)) continue;
+        std::vector<zv_verb_request> requests;
+        std::string error;
+        if (!zv_verb_parse_line(line, &requests, &error)) {
+            fprintf(stderr, "zv-sa-client: %s\n", error.c_str());
+            worst = zv_exit_combine(worst, kExitUsage);
+            continue;
         }
-        free(line);
+        for (const zv_verb_request &req : requests)
+            worst = zv_exit_combine(worst, run(opt, &channel, req, true));
     }
-    close(fd);
+    free(line);
     return worst;
 }
