@@ -14,11 +14,11 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-          bubblewrap busybox tcpdump)
+          bubblewrap busybox tcpdump python3)
 
 # What the handset checks need on top (checks/handset-check.sh).
 handset_packages=(clang-14 libc++-14-dev golang-go golang-android-soong-dev golang-github-google-blueprint-dev
-                  golang-github-golang-protobuf-1-3-dev blueprint-tools soong python3)
+                  golang-github-golang-protobuf-1-3-dev blueprint-tools soong)
 
 # What the arm64 run needs on top: the cross compiler, qemu, and arm64 runtime and GoogleTest (multiarch).
 arm64_packages=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
