@@ -14,17 +14,20 @@ done
 
 echo "== zv-qel-sa runs as an init service: init.svc.zv-qel-sa=$(getprop init.svc.zv-qel-sa)"
 echo "== command link /dev/ttySA0 -> $(readlink /dev/ttySA0), listener /dev/ttysa1 -> $(readlink /dev/ttysa1)"
-echo "== zv-sa-client AT 'SA+QUERY_SERVICE=\"zv-qel-sa\"' 'SA+KERNEL_LOG?'"
-zv-sa-client AT 'SA+QUERY_SERVICE="zv-qel-sa"' 'SA+KERNEL_LOG?'
+echo "== zv-sa-client query zv-qel-sa"
+zv-sa-client query zv-qel-sa
+echo "== zv-sa-client kernel-log status"
+zv-sa-client kernel-log status
 
 if [ -t 0 ]; then
     cat <<'TEXT'
 
-Type request lines without the carriage return, for example:
-    SA+QUERY_SERVICE="zv-qel-sa"
+Type a verb of zv-sa-client (docs/client.md), for example:
+    query zv-qel-sa
+    dmesg-log on
+or a request line without its carriage return, as the host tool sends it:
     SA+SYSTEM="ls /data/local/log > /data/local/tmp/ls.txt"
-    SA+DMESG_LOG=1
-Ctrl-D leaves the prompt for a shell in the handset (zv-sa-client -s for a remote shell through
+Ctrl-D leaves the prompt for a shell in the handset (zv-sa-client shell for a remote shell through
 /dev/ttysa1, cat /data/local/log/sa.log for the trace); 'exit' there powers the handset off.
 TEXT
     zv-sa-client
@@ -33,9 +36,12 @@ fi
 
 echo "== a scripted session"
 zv-sa-client 'SA+SYSTEM="ls /data/local/log > /data/local/tmp/ls.txt"' 'SA+DMESG_LOG=1' 'SA+DMESG_LOG?'
+echo "== zv-sa-client dmesg-log status"
+zv-sa-client dmesg-log status
 echo "== files in /data/local/log:"
 ls /data/local/log
-echo "== remote shell through /dev/ttysa1: zv-sa-client -s uname -n"
-zv-sa-client -s uname -n </dev/null
+echo "== remote shell through /dev/ttysa1: zv-sa-client shell 'uname -n; exit 3'"
+zv-sa-client shell 'uname -n; exit 3' </dev/null
+echo "== its exit status: $?"
 echo "== last lines of /data/local/log/sa.log:"
 tail -n 5 /data/local/log/sa.log

@@ -174,10 +174,12 @@ TEST(Launcher, SimulatedHandsetBootsTheDaemonAndTheSessionTalksToIt) {
                           {"/bin/bash", k_source + "/sim/session.sh"});
     EXPECT_EQ(0, probe_exit_code(r)) << r.m_err << r.m_out;
     EXPECT_NE(std::string::npos, r.m_out.find("init.svc.zv-qel-sa=running")) << r.m_out;
-    EXPECT_NE(std::string::npos, r.m_out.find("\\r\\nQUERY_SERVICE: 1\\r\\n\\r\\nOK\\r\\n")) << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("\nzv-qel-sa: running\n")) << r.m_out;
+    EXPECT_NE(std::string::npos, r.m_out.find("\nkernel log: off\n")) << r.m_out;
     EXPECT_NE(std::string::npos, r.m_out.find("\\r\\nDMESG_LOG: 1\\r\\n\\r\\nOK\\r\\n")) << r.m_out;
-    EXPECT_NE(std::string::npos, r.m_out.find("\nzv-handset\n"))
-        << r.m_out;  // uname -n through a remote shell
+    EXPECT_NE(std::string::npos, r.m_out.find("\ndmesg log: on\n")) << r.m_out;
+    // uname -n through a remote shell, and the shell's own exit status
+    EXPECT_NE(std::string::npos, r.m_out.find("\nzv-handset\n== its exit status: 3\n")) << r.m_out;
 }
 
 // The handset's boot script makes /data/local/log for the shell user, so the daemon's capture children

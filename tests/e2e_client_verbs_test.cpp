@@ -185,6 +185,21 @@ TEST_F(ClientVerbsTest, AnAnswerThatComesTooLateGives124) {
     EXPECT_EQ("zv-sa-client: system: no answer within 1 s\n", r.err);
 }
 
+TEST_F(ClientVerbsTest, TheLateAnswerOfAnAbandonedRequestIsNotTakenForTheNextOne) {
+    // The daemon answers "system" two seconds after its client gave up; the next client, already
+    // waiting, must get its own answer, not that one.
+    Result late = Client("-t 0.5 system 'sleep 2; true'");
+    EXPECT_EQ(124, late.status);
+    Result next = Client("-v query zv-qel-sa");
+    EXPECT_EQ(0, next.status) << next.err;
+    EXPECT_EQ("zv-qel-sa: running\n", next.out) << next.err;
+    // Unless the daemon had already published another pty, the next client said what it dropped.
+    if (Contains(next.err, "earlier request")) {
+        EXPECT_TRUE(Contains(next.err, "dropped its answer \\r\\nOK\\r\\n")) << next.err;
+    }
+    Expect("query zv-svc-plain", 3, "zv-svc-plain: not running\n");
+}
+
 TEST_F(ClientVerbsTest, ShellExitsWithTheRemoteStatus) {
     Expect("shell 'echo from-remote; exit 0'", 0, "from-remote\n");
     Expect("shell 'exit 3'", 3, "");

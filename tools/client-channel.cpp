@@ -98,6 +98,26 @@ bool zv_channel_lock::acquire(long long deadline_ms, const zv_client_report &rep
     return true;
 }
 
+std::string zv_channel_lock::pending() const {
+    if (fd_ < 0) return "";
+    char buf[128];
+    ssize_t n = pread(fd_, buf, sizeof(buf) - 1, 0);
+    if (n <= 0) return "";
+    std::string text(buf, static_cast<size_t>(n));
+    size_t eol = text.find('\n');
+    return eol == std::string::npos ? "" : text.substr(0, eol);
+}
+
+void zv_channel_lock::set_pending(const std::string &pts) {
+    if (fd_ < 0 || pending() == pts) return;
+    std::string text = pts.empty() ? "" : pts + "\n";
+    if (ftruncate(fd_, 0) != 0) return;
+    if (!text.empty()) {
+        ssize_t n = pwrite(fd_, text.data(), text.size(), 0);
+        (void)n;
+    }
+}
+
 void zv_channel_lock::release() {
     if (fd_ < 0) return;
     flock(fd_, LOCK_UN);
@@ -165,6 +185,39 @@ bool zv_command_channel::open_fd(long long deadline_ms, const zv_client_report &
     }
 }
 
+std::string zv_command_channel::pts_name() const {
+    char name[128];
+    if (fd_ < 0 || ttyname_r(fd_, name, sizeof(name)) != 0) return "";
+    return name;
+}
+
+bool zv_command_channel::drop_late_answer(zv_channel_lock *lock, long long deadline_ms,
+                                          const zv_client_report &report, std::string *why) {
+    while (lock != nullptr && fd_ >= 0 && !lock->pending().empty()) {
+        if (lock->pending() != pts_name()) {
+            // The daemon has published another pty since: the late answer went with the old one.
+            lock->set_pending("");
+            break;
+        }
+        zv_client_say(report, "waiting for the answer to an earlier request whose client gave up");
+        std::string late;
+        zv_read_end end =
+            zv_channel_read(fd_, &late, zv_client_is_final_answer, deadline_ms, "earlier request", report);
+        if (end == zv_read_end::timeout) {
+            *why = "the daemon is still busy with an earlier request whose client gave up";
+            return false;
+        }
+        if (end == zv_read_end::answered)
+            zv_client_say(report, "dropped its answer %s", zv_visible(late).c_str());
+        lock->set_pending("");
+        if (end == zv_read_end::closed) {
+            close_fd();
+            if (!open_fd(deadline_ms, report, why)) return false;
+        }
+    }
+    return true;
+}
+
 void zv_command_channel::close_fd() {
     if (fd_ >= 0) close(fd_);
     fd_ = -1;
@@ -172,10 +225,12 @@ void zv_command_channel::close_fd() {
 
 zv_read_end zv_command_channel::request(const std::string &request, std::string *answer,
                                         long long deadline_ms, const char *label, bool may_resend,
-                                        const zv_client_report &report, std::string *why) {
+                                        zv_channel_lock *lock, const zv_client_report &report,
+                                        std::string *why) {
     long long resend_until = zv_client_now_ms() + kOpenRetryMs;
     while (true) {
         if (fd_ < 0 && !open_fd(deadline_ms, report, why)) return zv_read_end::closed;
+        if (!drop_late_answer(lock, deadline_ms, report, why)) return zv_read_end::timeout;
         answer->clear();
         zv_client_say(report, "-> %s", zv_visible(request).c_str());
         long long sent_at = zv_client_now_ms();
@@ -183,6 +238,8 @@ zv_read_end zv_command_channel::request(const std::string &request, std::string 
         zv_read_end end =
             sent ? zv_channel_read(fd_, answer, zv_client_is_final_answer, deadline_ms, label, report)
                  : zv_read_end::closed;
+        // An answer that did not come in time will still come, to whoever reads this pty next.
+        if (end == zv_read_end::timeout && lock != nullptr) lock->set_pending(pts_name());
         if (end != zv_read_end::closed || !answer->empty()) return end;
         // Nothing came back and the pty went away at once: the daemon was closing the pty of the client
         // before and never read this request. Send it again on the pty it publishes now. (A daemon that

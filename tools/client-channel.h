@@ -32,6 +32,10 @@ class zv_channel_lock {
     // client goes on unlocked (and -v says so); false only when the wait ran out.
     bool acquire(long long deadline_ms, const zv_client_report &report);
     void release();
+    // The pty on which a client gave up waiting for an answer that the daemon still owes ("" for none),
+    // kept in the lock file for the next client. Only while the lock is held.
+    std::string pending() const;
+    void set_pending(const std::string &pts);
 
    private:
     std::string channel_;
@@ -55,13 +59,20 @@ class zv_command_channel {
     // Sends request and waits for its final answer until deadline_ms. A request that the daemon never
     // read because it was closing the pty the client had just opened (the link still named the pty of the
     // client before) is sent again on the fresh pty, unless may_resend is false (a request that ends the
-    // daemon closes the channel unanswered too). *why says what failed.
+    // daemon closes the channel unanswered too). When lock names this channel's pty as owing an answer
+    // to a client that gave up, that late answer is read and dropped first, so that it is never taken
+    // for this request's; a request that times out is recorded there in turn. *why says what failed.
     zv_read_end request(const std::string &request, std::string *answer, long long deadline_ms,
-                        const char *label, bool may_resend, const zv_client_report &report, std::string *why);
+                        const char *label, bool may_resend, zv_channel_lock *lock,
+                        const zv_client_report &report, std::string *why);
     const std::string &link() const { return link_; }
 
    private:
     bool open_fd(long long deadline_ms, const zv_client_report &report, std::string *why);
+    std::string pts_name() const;
+    // Reads and drops an answer owed to a client that gave up; false when the deadline passed first.
+    bool drop_late_answer(zv_channel_lock *lock, long long deadline_ms, const zv_client_report &report,
+                          std::string *why);
     void close_fd();
 
     std::string link_;

@@ -68,8 +68,8 @@ TEST(ClientChannel, RequestLostToAClosingPtyIsSentAgainOnTheNextOne) {
     zv_client_report report;
     {
         zv_command_channel channel(kLink);
-        EXPECT_EQ(zv_read_end::answered,
-                  channel.request("AT\r", &answer, zv_client_now_ms() + 10000, "AT", true, report, &why))
+        EXPECT_EQ(zv_read_end::answered, channel.request("AT\r", &answer, zv_client_now_ms() + 10000, "AT",
+                                                         true, nullptr, report, &why))
             << why;
     }
     daemon.thread.join();
@@ -87,7 +87,7 @@ TEST(ClientChannel, RequestThatMayEndTheDaemonIsNotSentAgain) {
         zv_command_channel channel(kLink);
         EXPECT_EQ(zv_read_end::closed,
                   channel.request("SA+DATA_PACKETS_LOG=0\r", &answer, zv_client_now_ms() + 10000, "packets",
-                                  false, report, &why));
+                                  false, nullptr, report, &why));
     }
     daemon.thread.join();
     EXPECT_EQ("SA+DATA_PACKETS_LOG=0\r", daemon.first);
@@ -104,7 +104,7 @@ TEST(ClientChannel, ChannelClosedLongAfterTheRequestIsNotSentAgain) {
         zv_command_channel channel(kLink);
         EXPECT_EQ(zv_read_end::closed,
                   channel.request("SA+SYSTEM=\"x\"\r", &answer, zv_client_now_ms() + 10000, "system", true,
-                                  report, &why));
+                                  nullptr, report, &why));
     }
     daemon.thread.join();
     EXPECT_EQ("", daemon.second);
@@ -117,7 +117,7 @@ TEST(ClientChannel, MissingLinkIsAChannelFailure) {
     zv_client_report report;
     zv_command_channel channel(kLink);
     EXPECT_EQ(zv_read_end::closed,
-              channel.request("AT\r", &answer, zv_client_now_ms() + 300, "AT", true, report, &why));
+              channel.request("AT\r", &answer, zv_client_now_ms() + 300, "AT", true, nullptr, report, &why));
     EXPECT_NE(std::string::npos, why.find("cannot open /tmp/zv-channel-test-link")) << why;
 }
 

@@ -134,7 +134,7 @@ int run_command(const options &opt, zv_command_channel *channel, const zv_verb_r
     long long sent = zv_client_now_ms();
     std::string answer, why;
     zv_read_end end = channel->request(req.request, &answer, sent + timeout_ms, req.verb.c_str(),
-                                       !ends_daemon, opt.report, &why);
+                                       !ends_daemon, &lock, opt.report, &why);
     lock.release();
     long long elapsed = zv_client_now_ms() - sent;
     zv_client_say(opt.report, "<- %s (%lld ms)", zv_visible(answer).c_str(), elapsed);
