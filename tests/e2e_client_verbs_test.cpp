@@ -89,13 +89,13 @@ TEST_F(ClientVerbsTest, AutoStartList) {
 }
 
 TEST_F(ClientVerbsTest, KernelAndDmesgLogSwitches) {
-    Expect("kernel-log on", 0, "kernel log: on\n");
-    Expect("kernel-log status", 0, "kernel log: on\n");
-    Expect("kernel-log off", 0, "kernel log: off\n");
-    Expect("kernel-log status", 0, "kernel log: off\n");
-    Expect("dmesg-log on", 0, "dmesg log: on\n");
-    Expect("dmesg-log status", 0, "dmesg log: on\n");
-    Expect("dmesg-log off", 0, "dmesg log: off\n");
+    for (std::string verb : {"kernel-log", "dmesg-log"}) {
+        std::string label = verb == "kernel-log" ? "kernel log: " : "dmesg log: ";
+        for (std::string value : {"on", "off"}) {
+            Expect(verb + " " + value, 0, label + value + "\n");
+            Expect(verb + " status", 0, label + value + "\n");
+        }
+    }
 }
 
 TEST_F(ClientVerbsTest, PacketsOffIsRefusedWithoutYes) {

@@ -61,54 +61,50 @@ struct StandIn {
     }
 };
 
-TEST(ClientChannel, RequestLostToAClosingPtyIsSentAgainOnTheNextOne) {
+// Sends request through a client channel to a stand-in that closes the first pty after close_after_ms.
+struct Exchange {
+    zv_read_end end;
+    std::string answer, why, first, second;
+};
+
+Exchange Send(const std::string &request, int close_after_ms, bool may_resend) {
     StandIn daemon;
-    daemon.Start(0);
-    std::string answer, why;
+    daemon.Start(close_after_ms);
+    Exchange x;
     zv_client_report report;
     {
         zv_command_channel channel(kLink);
-        EXPECT_EQ(zv_read_end::answered, channel.request("AT\r", &answer, zv_client_now_ms() + 10000, "AT",
-                                                         true, nullptr, report, &why))
-            << why;
+        x.end = channel.request(request, &x.answer, zv_client_now_ms() + 10000, "test", may_resend, nullptr,
+                                report, &x.why);
     }
-    daemon.thread.join();
-    EXPECT_EQ("AT\r", daemon.first);
-    EXPECT_EQ("AT\r", daemon.second);
-    EXPECT_EQ("\r\nOK\r\n", answer);
+    if (daemon.thread.joinable()) daemon.thread.join();
+    x.first = daemon.first;
+    x.second = daemon.second;
+    return x;
+}
+
+TEST(ClientChannel, RequestLostToAClosingPtyIsSentAgainOnTheNextOne) {
+    Exchange x = Send("AT\r", 0, true);
+    EXPECT_EQ(zv_read_end::answered, x.end) << x.why;
+    EXPECT_EQ("AT\r", x.first);
+    EXPECT_EQ("AT\r", x.second);
+    EXPECT_EQ("\r\nOK\r\n", x.answer);
 }
 
 TEST(ClientChannel, RequestThatMayEndTheDaemonIsNotSentAgain) {
-    StandIn daemon;
-    daemon.Start(0);
-    std::string answer, why;
-    zv_client_report report;
-    {
-        zv_command_channel channel(kLink);
-        EXPECT_EQ(zv_read_end::closed,
-                  channel.request("SA+DATA_PACKETS_LOG=0\r", &answer, zv_client_now_ms() + 10000, "packets",
-                                  false, nullptr, report, &why));
-    }
-    daemon.thread.join();
-    EXPECT_EQ("SA+DATA_PACKETS_LOG=0\r", daemon.first);
-    EXPECT_EQ("", daemon.second);
-    EXPECT_EQ("", answer);
+    Exchange x = Send("SA+DATA_PACKETS_LOG=0\r", 0, false);
+    EXPECT_EQ(zv_read_end::closed, x.end);
+    EXPECT_EQ("SA+DATA_PACKETS_LOG=0\r", x.first);
+    EXPECT_EQ("", x.second);
+    EXPECT_EQ("", x.answer);
 }
 
 TEST(ClientChannel, ChannelClosedLongAfterTheRequestIsNotSentAgain) {
-    StandIn daemon;
-    daemon.Start(1500);
-    std::string answer, why;
-    zv_client_report report;
-    {
-        zv_command_channel channel(kLink);
-        EXPECT_EQ(zv_read_end::closed,
-                  channel.request("SA+SYSTEM=\"x\"\r", &answer, zv_client_now_ms() + 10000, "system", true,
-                                  nullptr, report, &why));
-    }
-    daemon.thread.join();
-    EXPECT_EQ("", daemon.second);
-    EXPECT_NE(std::string::npos, why.find("without an answer")) << why;
+    Exchange x = Send("SA+SYSTEM=\"x\"\r", 1500, true);
+    EXPECT_EQ(zv_read_end::closed, x.end);
+    EXPECT_EQ("SA+SYSTEM=\"x\"\r", x.first);
+    EXPECT_EQ("", x.second);
+    EXPECT_NE(std::string::npos, x.why.find("without an answer")) << x.why;
 }
 
 TEST(ClientChannel, MissingLinkIsAChannelFailure) {
