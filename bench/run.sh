@@ -89,7 +89,8 @@ done
 # The picture: percentiles of every round-trip side, AT and +QUERY_SERVICE side by side.
 picture="$results/roundtrip-latency.png"
 rm -f "$picture"
-if [ -f "$results/cmd-roundtrip.txt" ] && grep -q '^DIST' "$results/cmd-roundtrip.txt" &&
+if [[ " ${benches[*]} " == *" cmd-roundtrip "* ]] && [ -f "$results/cmd-roundtrip.txt" ] &&
+    grep -q '^DIST' "$results/cmd-roundtrip.txt" &&
     command -v gnuplot >/dev/null 2>&1; then
     dat="$results/roundtrip-latency.dat"
     # One block per side, in the order the benchmark prints them: echo, daemon, floor for AT, then the same
@@ -120,17 +121,19 @@ plot "$dat" index 4 using 1:2 with lines lw 2 title "daemon", \
 unset multiplot
 EOF
 fi
-echo
-if [ -f "$picture" ]; then
-    echo "Picture: $picture"
-else
-    echo "Picture: not drawn (no round-trip distributions, or no gnuplot)"
+if [[ " ${benches[*]} " == *" cmd-roundtrip "* ]]; then
+    echo
+    if [ -f "$picture" ]; then
+        echo "Picture: $picture"
+    else
+        echo "Picture: not drawn (no round-trip distributions, or no gnuplot)"
+    fi
 fi
 echo
 echo "Details:"
 for name in "${benches[@]}"; do
     [ -f "$results/$name.txt" ] || continue
-    grep -E '^(one record|processes in the handset|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE:|pair +[0-9]+:)' \
+    grep -E '^(one record|ring:|processes in the handset|lookup at|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE|pair +[0-9]+:|start-up,)' \
         "$results/$name.txt" | sed 's/^/    /' || true
 done
 exit "$failed"
