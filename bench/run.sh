@@ -133,7 +133,7 @@ echo
 echo "Details:"
 for name in "${benches[@]}"; do
     [ -f "$results/$name.txt" ] || continue
-    grep -E '^(one record|ring:|processes in the handset|lookup at|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE|pair +[0-9]+:|start-up,)' \
+    grep -E '^(one record|ring:|processes in the handset|lookup at|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE( with|:)|pair +[0-9]+:|start-up,)' \
         "$results/$name.txt" | sed 's/^/    /' || true
 done
 exit "$failed"
