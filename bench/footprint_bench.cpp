@@ -6,7 +6,9 @@
 // Idle means: both links published, one
 // AT answered, then two seconds without requests; the largest VmRSS seen in those two seconds counts.
 // A process that does nothing (/usr/bin/sleep, dynamically linked to the same C library) is measured in
-// the same handset as the floor every dynamically linked program pays.
+// the same handset as the floor every dynamically linked program pays, and a minimal C++ program linked
+// as the daemon is (zv-bench-minimal-cxx) as the floor of the capture-off figure: the daemon may need at
+// most 1.15 times its VmRSS.
 //
 // Run inside a handset: sim/zv-handset run --build BUILD -- BUILD/bench/zv-bench-footprint
 #include <fcntl.h>
@@ -26,6 +28,7 @@
 static constexpr char kStripped[] = "/tmp/zv-qel-sa.stripped";
 static constexpr long kRssGoalKb = 2048;
 static constexpr long kSizeGoalBytes = 400 * 1024;
+static constexpr double kMinimalCxxFactor = 1.15;
 
 // A field of /proc/<pid>/status in kB ("RssAnon:", "RssFile:" ...), or -1.
 static long status_kb(pid_t pid, const char *field) {
@@ -114,14 +117,31 @@ int main() {
     std::string floor_text = bench_fmt("/usr/bin/sleep %ld KiB (anon %ld, file %ld)", floor.m_rss_kb,
                                        floor.m_anon_kb, floor.m_file_kb);
 
+    // The floor of the capture-off figure: a minimal C++ program linked the same way, idle.
+    const std::string dir = bench_dir();
+    const std::string minimal_path = dir + "/zv-bench-minimal-cxx";
+    pid_t minimal = zvtest::spawn({minimal_path});
+    bool minimal_up = bench_poll_until(
+        [&] {
+            std::string cmd = zvtest::read_file("/proc/" + std::to_string(minimal) + "/cmdline");
+            return cmd.compare(0, minimal_path.size(), minimal_path) == 0;
+        },
+        std::chrono::seconds(10));
+    rss_st minimal_rss = minimal_up ? idle_rss(minimal) : rss_st{-1, -1, -1};
+    zvtest::kill_and_reap(minimal);
+
     int failures = 0;
+    if (!minimal_up || minimal_rss.m_rss_kb <= 0) {
+        bench_fail("idle VmRSS, capture off, vs a minimal C++ program", "%s did not start",
+                   minimal_path.c_str());
+        ++failures;
+    }
     struct variant_st {
         const char *m_label;
         const char *m_link;  // "" for the staged daemon, else the link variant's options
         std::string m_path;
         bool m_capture;
     };
-    const std::string dir = bench_dir();
     const variant_st variants[] = {
         {"idle VmRSS, capture off", "", zvtest::kDaemonPath, false},
         {"idle VmRSS, default capture", "", zvtest::kDaemonPath, true},
@@ -149,6 +169,14 @@ int main() {
         }
         if (v.m_link[0] == '\0') {
             bench_result_absolute(v.m_label, rss_text(r), floor_text, "< 2048 KiB", r.m_rss_kb < kRssGoalKb);
+            if (!v.m_capture && minimal_rss.m_rss_kb > 0) {
+                const double ratio =
+                    static_cast<double>(r.m_rss_kb) / static_cast<double>(minimal_rss.m_rss_kb);
+                bench_result("idle VmRSS, capture off, vs a minimal C++ program", rss_text(r),
+                             bench_fmt("minimal C++ program %ld KiB (anon %ld, file %ld)",
+                                       minimal_rss.m_rss_kb, minimal_rss.m_anon_kb, minimal_rss.m_file_kb),
+                             ratio, "<= 1.15", ratio <= kMinimalCxxFactor);
+            }
         } else {
             bench_result_info(v.m_label, rss_text(r), floor_text);
         }

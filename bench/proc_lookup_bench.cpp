@@ -1,7 +1,8 @@
 // Process lookup over /proc (sa_util_get_pid) against `pgrep -f NAME`, the tool a shell line would use,
-// on a handset crowded with 1000 extra sleeping processes. The process looked for is started last, so
-// it is the last entry of /proc and both sides read every process before they find it. The pgrep side
-// is the whole command as the daemon would pay for it (spawn, scan, exit), without a shell.
+// on a handset crowded with 100, then 1000, then 5000 extra sleeping processes (how the cost grows). The
+// process looked for is started last at every size, so it is the last entry of /proc and both sides read
+// every process before they find it. The pgrep side is the whole command as the daemon would pay for it
+// (spawn, scan, exit), without a shell.
 //
 // Run inside a handset: sim/zv-handset run --build BUILD -- BUILD/bench/zv-bench-proc-lookup
 #include <dirent.h>
@@ -25,7 +26,7 @@
 extern char **environ;
 
 static constexpr char kName[] = "/proc lookup vs pgrep -f";
-static constexpr int kExtraProcesses = 1000;
+static constexpr int kSizes[] = {100, 1000, 5000};
 static constexpr char kTargetName[] = "zv-bench-target";
 static constexpr char kSleepApplet[] = "/system/bin/sleep";
 // A sleep that does not care about its argv[0], so the target can carry its own name.
@@ -133,22 +134,24 @@ static std::string pgrep_output() {
     return n > 0 ? std::string(buf, static_cast<size_t>(n)) : "";
 }
 
-int main(int argc, char **argv) {
-    // The lookup traces as it does in the daemon, into a log client with the daemon's settings.
-    mkdir("/data/local", 0771);
-    mkdir("/data/local/log", 0771);
-    sfw_log_set_path("/data/local/log/zv-qel-sa");
-    sfw_log_start(1, nullptr);
-    sfw_log_set_max_size(102400);
-    sfw_log_mark_position();
-
-    for (int i = 0; i < kExtraProcesses; ++i) {
+// Grows the handset to `size` extra sleepers, starts the target anew as the last process, checks what
+// pgrep prints, runs both benchmarks and reports them; false when something did not work.
+static bool measure_at(int size, int argc, char **argv) {
+    const std::string name = bench_fmt("%s, %d processes", kName, size);
+    if (g_target_pid > 0) {
+        kill(g_target_pid, SIGKILL);
+        int status;
+        while (waitpid(g_target_pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        g_sleepers.pop_back();
+        g_target_pid = 0;
+    }
+    while (static_cast<int>(g_sleepers.size()) < size) {
         pid_t pid = start_sleeper(kSleepApplet, "sleep");
         if (pid < 0) {
             int err = errno;
-            stop_sleepers();
-            bench_fail(kName, "fork of sleeper %d failed: %s", i, strerror(err));
-            return 1;
+            bench_fail(name.c_str(), "fork of sleeper %zu failed: %s", g_sleepers.size(), strerror(err));
+            return false;
         }
         g_sleepers.push_back(pid);
     }
@@ -160,11 +163,10 @@ int main(int argc, char **argv) {
                 if (!cmdline_starts_with(g_sleepers[i], "sleep")) return false;
             return g_target_pid > 0 && cmdline_starts_with(g_target_pid, kTargetName);
         },
-        std::chrono::seconds(60));
+        std::chrono::seconds(120));
     if (!ready) {
-        stop_sleepers();
-        bench_fail(kName, "the %d sleepers did not all start", kExtraProcesses);
-        return 1;
+        bench_fail(name.c_str(), "the %d sleepers did not all start", size);
+        return false;
     }
     int entries = 0;
     if (DIR *dir = opendir("/proc")) {
@@ -176,25 +178,46 @@ int main(int argc, char **argv) {
     printf("processes in the handset: %d; target pid %d; pgrep -f prints \"%.*s\"\n", entries,
            static_cast<int>(g_target_pid), seen.empty() ? 0 : static_cast<int>(seen.size() - 1),
            seen.c_str());
+    fflush(stdout);
     if (seen != std::to_string(g_target_pid) + "\n") {
-        stop_sleepers();
-        bench_fail(kName, "pgrep -f does not report the target alone");
-        return 1;
+        bench_fail(name.c_str(), "pgrep -f does not report the target alone");
+        return false;
     }
 
     std::vector<bench_run_st> runs = bench_run_registered(
         argc, argv, {"--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true"});
-    stop_sleepers();
-    sfw_log_stop(nullptr);
-
     double lookup_us = bench_median(bench_times_of(runs, "BM_SaUtilGetPid")) / 1000.0;
     double pgrep_us = bench_median(bench_times_of(runs, "BM_PgrepF")) / 1000.0;
     if (lookup_us <= 0 || pgrep_us <= 0) {
-        bench_fail(kName, "a benchmark did not run");
-        return 1;
+        bench_fail(name.c_str(), "a benchmark did not run");
+        return false;
     }
+    printf("lookup at %d processes: %.0f us (%.2f us per process); pgrep -f: %.0f us\n", entries, lookup_us,
+           lookup_us / entries, pgrep_us);
     double speedup = pgrep_us / lookup_us;
-    bench_result(kName, bench_fmt("%.0f us per lookup", lookup_us), bench_fmt("%.0f us per pgrep", pgrep_us),
-                 speedup, "> 1.00 (pgrep time / lookup time)", speedup > 1.0);
-    return 0;
+    bench_result(name.c_str(), bench_fmt("%.0f us per lookup", lookup_us),
+                 bench_fmt("%.0f us per pgrep", pgrep_us), speedup, "> 1.00 (pgrep time / lookup time)",
+                 speedup > 1.0);
+    return true;
+}
+
+int main(int argc, char **argv) {
+    // The lookup traces as it does in the daemon, into a log client with the daemon's settings.
+    mkdir("/data/local", 0771);
+    mkdir("/data/local/log", 0771);
+    sfw_log_set_path("/data/local/log/zv-qel-sa");
+    sfw_log_start(1, nullptr);
+    sfw_log_set_max_size(102400);
+    sfw_log_mark_position();
+
+    int failures = 0;
+    for (const int size : kSizes) {
+        if (!measure_at(size, argc, argv)) {
+            ++failures;
+            break;
+        }
+    }
+    stop_sleepers();
+    sfw_log_stop(nullptr);
+    return failures == 0 ? 0 : 1;
 }

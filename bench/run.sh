@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in a Release build folder, runs each one in a fresh simulated handset, and
-# prints a table of the results (Markdown, ready for docs/performance.md).
+# prints a table of the results (Markdown, ready for docs/performance.md): every figure with its goal
+# and verdict. It also draws the round-trip latency distributions (daemon, floor, bare echo) into
+# DIR/bench-results/roundtrip-latency.png with gnuplot, which it installs (gnuplot-nox) when missing.
 #
 # Usage: bench/run.sh [--build DIR] [--no-build] [--only NAME]
 #   --build DIR   build folder (default: build-bench beside this script's folder); configured as a
 #                 Release build with Ninja when it has no CMakeCache.txt yet
 #   --no-build    run what is already built
-#   --only NAME   run one benchmark: cmd-roundtrip, proc-lookup, log-client, kmsg-copy or footprint
+#   --only NAME   run one benchmark: cmd-roundtrip, proc-lookup, log-client, kmsg-copy, footprint or
+#                 startup
 # Each benchmark's full output goes to DIR/bench-results/NAME.txt. Exit status: 0 when every benchmark
 # ran (whether or not it met its goal), 1 when one failed to run.
 set -euo pipefail
@@ -25,6 +28,16 @@ while [ $# -gt 0 ]; do
     esac
 done
 
+# gnuplot draws the picture; only the benchmarks need it, so the project's own setup does not install it.
+if ! command -v gnuplot >/dev/null 2>&1; then
+    echo "run.sh: installing gnuplot-nox for the latency picture" >&2
+    sudo=""
+    [ "$(id -u)" = 0 ] || sudo=sudo
+    { $sudo apt-get update -qq &&
+        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends gnuplot-nox; } \
+        >/dev/null || echo "run.sh: warning: gnuplot-nox could not be installed; no picture" >&2
+fi
+
 if [ "$do_build" = 1 ]; then
     if [ ! -f "$build/CMakeCache.txt" ]; then
         cmake -S "$src_dir" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
@@ -38,7 +51,7 @@ fi
 
 results="$build/bench-results"
 mkdir -p "$results"
-benches=(cmd-roundtrip proc-lookup log-client kmsg-copy footprint)
+benches=(cmd-roundtrip proc-lookup log-client kmsg-copy footprint startup)
 [ -n "$only" ] && benches=("$only")
 
 load() { cut -d' ' -f1-3 /proc/loadavg; }
@@ -72,11 +85,55 @@ for name in "${benches[@]}"; do
         awk -F'\t' '{ printf "| %s | %s | %s | %s | %s | %s |\n", $2, $3, $4, $5, $6, $7 }'
     grep -q '^RESULT' "$results/$name.txt" || echo "| $name | - | - | - | - | FAILED (no result) |"
 done
+
+# The picture: percentiles of every round-trip side, AT and +QUERY_SERVICE side by side.
+picture="$results/roundtrip-latency.png"
+rm -f "$picture"
+if [[ " ${benches[*]} " == *" cmd-roundtrip "* ]] && [ -f "$results/cmd-roundtrip.txt" ] &&
+    grep -q '^DIST' "$results/cmd-roundtrip.txt" &&
+    command -v gnuplot >/dev/null 2>&1; then
+    dat="$results/roundtrip-latency.dat"
+    # One block per side, in the order the benchmark prints them: echo, daemon, floor for AT, then the same
+    # for +QUERY_SERVICE. Columns: microseconds, percentile.
+    awk -F'\t' '$1 == "DIST" {
+        if ($2 != last) { if (last != "") printf "\n\n"; printf "# %s\n", $2; last = $2 }
+        print $4, $3 }' "$results/cmd-roundtrip.txt" >"$dat"
+    commit=$(git -C "$src_dir" rev-parse --short HEAD 2>/dev/null || echo unknown)
+    gnuplot <<EOF
+set terminal pngcairo size 1200,480 font ",10" noenhanced
+set output "$picture"
+set multiplot layout 1,2 title "Command round trip, latency distribution (commit $commit, $(date -u '+%Y-%m-%d %H:%M UTC'))"
+set logscale x
+set xlabel "round trip (us, log scale)"
+set ylabel "percentile"
+set yrange [0:100]
+set ytics 10
+set grid
+set key bottom right
+set title "AT"
+plot "$dat" index 1 using 1:2 with lines lw 2 title "daemon", \
+     "$dat" index 2 using 1:2 with lines lw 2 title "floor (mandated work only)", \
+     "$dat" index 0 using 1:2 with lines lw 2 title "bare pty echo"
+set title "+QUERY_SERVICE"
+plot "$dat" index 4 using 1:2 with lines lw 2 title "daemon", \
+     "$dat" index 5 using 1:2 with lines lw 2 title "floor (mandated work only)", \
+     "$dat" index 3 using 1:2 with lines lw 2 title "bare pty echo"
+unset multiplot
+EOF
+fi
+if [[ " ${benches[*]} " == *" cmd-roundtrip "* ]]; then
+    echo
+    if [ -f "$picture" ]; then
+        echo "Picture: $picture"
+    else
+        echo "Picture: not drawn (no round-trip distributions, or no gnuplot)"
+    fi
+fi
 echo
 echo "Details:"
 for name in "${benches[@]}"; do
     [ -f "$results/$name.txt" ] || continue
-    grep -E '^(one record|processes in the handset|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE:|pair +[0-9]+:)' \
+    grep -E '^(one record|ring:|processes in the handset|lookup at|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE( with|:)|pair +[0-9]+:|start-up,)' \
         "$results/$name.txt" | sed 's/^/    /' || true
 done
 exit "$failed"

@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include "sa-capture.h"
+#include "sa-thread.h"
 #include "sa-trace.h"
 #include "util/util.h"
 
@@ -300,8 +301,7 @@ int sa_kmsg_create_reader(pthread_t *tid) {
     unsigned long started = g_kmsg_started;
     pthread_mutex_unlock(&g_kmsg_lock);
     pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    sa_thread_attr_waiting(&attr);
     // The new thread inherits this mask: SIGUSR1 stays pending until it starts copying.
     sigset_t set;
     sigset_t old;

@@ -18,6 +18,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "sa-thread.h"
 #include "sa-trace.h"
 
 static constexpr char kShellPath[] = "/system/bin/sh";
@@ -152,8 +153,7 @@ int create_subprocess(int fd, const char *arg0, const char *arg1, pid_t *pid) {
 int thread_create(pthread_t *thread, void *arg) {
     trace_func();
     pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    sa_thread_attr_waiting(&attr);
     int thd = pthread_create(thread, &attr, service_bootstrap_func, arg);
     pthread_attr_destroy(&attr);
     trace_file("thd[%d] pthread[%lu]", thd, static_cast<unsigned long>(*thread));

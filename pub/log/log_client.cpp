@@ -147,6 +147,9 @@ sfw_log_obj *sfw_log_start(int flags, const char *name) {
     obj->m_pid = static_cast<int>(getpid());
     if (get_process_name(obj->m_process_name, 20) != 0) obj->m_process_name[0] = '\0';
     obj->m_fp = client_open_file(name);
+    // Every text reaches the stream whole and is flushed at once: without a buffer of its own the stream
+    // hands it to write() as it is, with no copy.
+    if (obj->m_fp != nullptr) setvbuf(obj->m_fp, nullptr, _IONBF, 0);
     if (obj->m_fp == nullptr) {
         log_internal_error(log_internal_fp(), "%s -> %s -> %d -> call client_open_file() fail.\n", LOG_SRC,
                            __func__, __LINE__);
@@ -188,7 +191,8 @@ void sfw_log_build_extended_info(const char *fmt, ...) {
     // A lock on an object that is not started takes nothing: there is no record to attach a text to.
     if (fmt == nullptr || g_log_thread.m_held_obj != obj) return;
     obj->m_ext_pending = 1;
-    memset(obj->m_ext_info, 0, sizeof(obj->m_ext_info));
+    // At most 1022 characters; the last byte of the buffer stays a terminator.
+    obj->m_ext_info[sizeof(obj->m_ext_info) - 1] = '\0';
     va_list ap;
     va_start(ap, fmt);
     vsnprintf(obj->m_ext_info, sizeof(obj->m_ext_info) - 1, fmt, ap);

@@ -69,6 +69,16 @@ static constexpr log_err_row_st k_errors[] = {
     {-606, "mux response timeout"},
 };
 
+static constexpr bool log_level_names_fit() {
+    for (const log_level_row_st &row : k_levels) {
+        size_t n = 0;
+        while (row.m_name[n] != '\0') n++;
+        if (n != 12) return false;
+    }
+    return true;
+}
+static_assert(log_level_names_fit(), "every level name fills the 12 characters of its column");
+
 static constexpr bool log_errors_descending() {
     for (size_t i = 1; i < sizeof(k_errors) / sizeof(k_errors[0]); i++) {
         if (k_errors[i - 1].m_code <= k_errors[i].m_code) return false;
@@ -212,23 +222,110 @@ void log_format_header(char *buf, size_t size) {
              LOG_RULE);
 }
 
+// The fixed columns are written digit by digit rather than through the printf family: they are the same
+// for every record, and a record costs little more than its write once they are cheap.
+
+// Two decimal digits of v (0..99).
+static char *put_2digits(char *p, int v) {
+    p[0] = static_cast<char>('0' + v / 10);
+    p[1] = static_cast<char>('0' + v % 10);
+    return p + 2;
+}
+
+// v right-aligned in width characters with a space before it, as printf's "% *ld" writes a number that is
+// not negative. The text ends at end; returns where it begins.
+static char *put_spaced_number(char *end, unsigned long v, int width) {
+    char *p = end;
+    do {
+        *--p = static_cast<char>('0' + v % 10);
+        v /= 10;
+    } while (v != 0);
+    *--p = ' ';
+    while (end - p < width) *--p = ' ';
+    return p;
+}
+
+namespace {
+
+// The time of day of one second, "HH:MM:SS:", converted once per second of the real-time clock and per
+// thread.
+struct log_clock_cache_st {
+    time_t m_sec;
+    int m_valid;
+    char m_hms_a[9];
+};
+
+}  // namespace
+
+static thread_local log_clock_cache_st g_log_clock = {0, 0, {}};
+
+// "HH:MM:SS:mmm" of now: 12 characters at p.
+static void put_time_of_day(char *p) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    log_clock_cache_st *c = &g_log_clock;
+    if (!c->m_valid || c->m_sec != ts.tv_sec) {
+        struct tm tm;
+        localtime_r(&ts.tv_sec, &tm);
+        char *q = put_2digits(c->m_hms_a, tm.tm_hour);
+        *q++ = ':';
+        q = put_2digits(q, tm.tm_min);
+        *q++ = ':';
+        q = put_2digits(q, tm.tm_sec);
+        *q = ':';
+        c->m_sec = ts.tv_sec;
+        c->m_valid = 1;
+    }
+    memcpy(p, c->m_hms_a, 9);
+    long ms = ts.tv_nsec / 1000000;
+    p[9] = static_cast<char>('0' + ms / 100);
+    p[10] = static_cast<char>('0' + ms / 10 % 10);
+    p[11] = static_cast<char>('0' + ms % 10);
+}
+
 void log_build_prefix(log_line_st *l, const char *module, unsigned level, const char *file, unsigned line,
                       const char *func) {
     if (module == nullptr || file == nullptr || func == nullptr) {
-        line_appendf(l, "%s", LOG_INVALID_PARAM);
+        line_append(l, LOG_INVALID_PARAM, strlen(LOG_INVALID_PARAM));
         return;
     }
-    struct tm tm;
-    long ms;
-    log_local_now(&tm, &ms);
-    line_appendf(l, "%02d:%02d:%02d:%03ld", tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
+    // "HH:MM:SS:mmm | " and the thread id right-aligned in 8 characters.
+    char head[48];
+    put_time_of_day(head);
+    memcpy(head + 12, " | ", 3);
+    size_t head_len = 15;
     long tid = static_cast<long>(pthread_self());
     if (tid < 0) {
-        line_appendf(l, " | %s", "  (main)");
+        memcpy(head + head_len, "  (main)", 8);
+        head_len += 8;
     } else {
-        line_appendf(l, " | % 8ld", tid);
+        char digits[24];
+        char *const digits_end = digits + sizeof(digits);
+        char *num = put_spaced_number(digits_end, static_cast<unsigned long>(tid), 8);
+        memcpy(head + head_len, num, static_cast<size_t>(digits_end - num));
+        head_len += static_cast<size_t>(digits_end - num);
     }
-    line_appendf(l, " | %-34s | % 6ld | %s | ", func, static_cast<long>(line), log_level_name(level));
+    memcpy(head + head_len, " | ", 3);
+    head_len += 3;
+    line_append(l, head, head_len);
+    // The function padded to 34 characters (never cut short).
+    size_t func_len = strlen(func);
+    line_append(l, func, func_len);
+    static constexpr char k_pad[] = "                                  ";
+    static_assert(sizeof(k_pad) - 1 == 34, "the function column is 34 wide");
+    if (func_len < 34) line_append(l, k_pad, 34 - func_len);
+    // " | " the line right-aligned in 6, " | " the level name, " | ".
+    char tail[48];
+    char *const tail_end = tail + 24;
+    char *num = put_spaced_number(tail_end, line, 6);
+    num -= 3;
+    memcpy(num, " | ", 3);
+    char *q = tail_end;
+    memcpy(q, " | ", 3);
+    memcpy(q + 3, log_level_name(level), 12);
+    memcpy(q + 15, " | ", 3);
+    q += 18;
+    line_append(l, num, static_cast<size_t>(q - num));
 }
 
 // Body of the record by level.

@@ -36,8 +36,9 @@ void log_write_locked(sfw_log_obj *obj, const char *text, const char *file, cons
         fseek(obj->m_fp, static_cast<long>(wrap), SEEK_SET);
         written = wrap;
     }
-    log_store(&g_log_module.m_written, written + static_cast<unsigned>(strlen(text)));
-    fputs(text, obj->m_fp);
+    size_t len = strlen(text);
+    log_store(&g_log_module.m_written, written + static_cast<unsigned>(len));
+    fwrite(text, 1, len, obj->m_fp);
     fflush(obj->m_fp);
 }
 
