@@ -1,6 +1,7 @@
 // End-to-end tests of the client tool's verbs: init boots the daemon from its own rc file with its
 // shipped configuration, next to the test services, and each test drives it with zv-sa-client as a test
-// engineer's script does, comparing exact output, exit status, files and processes.
+// engineer's script does, comparing exact output, exit status, files and processes. The test service
+// zv-qel-mla0 runs throughout; zv-svc-plain runs only where a test starts it.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -27,9 +28,11 @@ namespace {
 constexpr char kLogRoot[] = "/storage/real_sd/logs";
 constexpr char kErrorText[] = "(ERROR: 4294967295)";
 
+// The daemon's pid from its pid file, while that process lives. (Its command line would not do: under
+// user-mode emulation it names the emulator.)
 pid_t DaemonPid() {
-    std::vector<pid_t> pids = svctest::PidsNamed(kDaemonPath);
-    return pids.size() == 1 ? pids[0] : -1;
+    pid_t pid = static_cast<pid_t>(atoi(read_file("/tmp/zv-qel-sa.pid").c_str()));
+    return pid > 0 && kill(pid, 0) == 0 ? pid : -1;
 }
 
 bool Contains(const std::string &text, const std::string &part) {
@@ -52,6 +55,9 @@ class ClientVerbsTest : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(poll_until([] { return DaemonPid() > 0; }, 20s)) << "init did not boot the daemon";
         ASSERT_TRUE(clienttest::DaemonAnswers()) << read_file(kSaLog);
+        // A service that runs for every test (the daemon tells that a service runs by its name).
+        ASSERT_EQ(0, system("setprop ctl.start zv-qel-mla0"));
+        ASSERT_TRUE(poll_until([] { return !svctest::PidsNamed("zv-qel-mla0").empty(); }, 10s));
     }
     // Expects status and exact standard output, and nothing on standard error.
     static void Expect(const std::string &args, int status, const std::string &out) {
@@ -63,7 +69,7 @@ class ClientVerbsTest : public ::testing::Test {
 };
 
 TEST_F(ClientVerbsTest, QueryAnswersThroughTheExitStatus) {
-    Expect("query zv-qel-sa", 0, "zv-qel-sa: running\n");
+    Expect("query zv-qel-mla0", 0, "zv-qel-mla0: running\n");
     Expect("query zv-svc-plain", 3, "zv-svc-plain: not running\n");
 }
 
@@ -123,7 +129,7 @@ TEST_F(ClientVerbsTest, PacketsOffWithYesEndsTheDaemonAndInitRestartsIt) {
     EXPECT_TRUE(poll_until([&] { return DaemonPid() > 0 && DaemonPid() != before; }, 20s));
     // The next call finds the restarted daemon.
     ASSERT_TRUE(clienttest::DaemonAnswers());
-    Expect("query zv-qel-sa", 0, "zv-qel-sa: running\n");
+    Expect("query zv-qel-mla0", 0, "zv-qel-mla0: running\n");
 }
 
 TEST_F(ClientVerbsTest, SaveLogNamesTheFolderItMade) {
@@ -152,10 +158,10 @@ TEST_F(ClientVerbsTest, RequestLinesAreTheDefaultAndRawSendsAnyLine) {
 }
 
 TEST_F(ClientVerbsTest, VerboseShowsTheRequestAndTheAnswer) {
-    Result r = Client("-v query zv-qel-sa");
+    Result r = Client("-v query zv-qel-mla0");
     EXPECT_EQ(0, r.status);
-    EXPECT_EQ("zv-qel-sa: running\n", r.out);
-    EXPECT_TRUE(Contains(r.err, "zv-sa-client: -> SA+QUERY_SERVICE=\"zv-qel-sa\"\\r\n")) << r.err;
+    EXPECT_EQ("zv-qel-mla0: running\n", r.out);
+    EXPECT_TRUE(Contains(r.err, "zv-sa-client: -> SA+QUERY_SERVICE=\"zv-qel-mla0\"\\r\n")) << r.err;
     EXPECT_TRUE(Contains(r.err, "zv-sa-client: <- \\r\\nQUERY_SERVICE: 1\\r\\n\\r\\nOK\\r\\n (")) << r.err;
 }
 
@@ -172,10 +178,10 @@ TEST_F(ClientVerbsTest, UsageErrorsExitTwo) {
 }
 
 TEST_F(ClientVerbsTest, LinesFromStandardInputTakeVerbsAndRequests) {
-    ASSERT_TRUE(write_file("/tmp/lines.txt", "query zv-qel-sa\nAT\n\nkernel-log status\n"));
+    ASSERT_TRUE(write_file("/tmp/lines.txt", "query zv-qel-mla0\nAT\n\nkernel-log status\n"));
     Result r = Client("</tmp/lines.txt");
     EXPECT_EQ(0, r.status) << r.err;
-    EXPECT_EQ("zv-qel-sa: running\n\\r\\nOK\\r\\n\nkernel log: off\n", r.out);
+    EXPECT_EQ("zv-qel-mla0: running\n\\r\\nOK\\r\\n\nkernel log: off\n", r.out);
 }
 
 TEST_F(ClientVerbsTest, AnAnswerThatComesTooLateGives124) {
@@ -190,9 +196,9 @@ TEST_F(ClientVerbsTest, TheLateAnswerOfAnAbandonedRequestIsNotTakenForTheNextOne
     // waiting, must get its own answer, not that one.
     Result late = Client("-t 0.5 system 'sleep 2; true'");
     EXPECT_EQ(124, late.status);
-    Result next = Client("-v query zv-qel-sa");
+    Result next = Client("-v query zv-qel-mla0");
     EXPECT_EQ(0, next.status) << next.err;
-    EXPECT_EQ("zv-qel-sa: running\n", next.out) << next.err;
+    EXPECT_EQ("zv-qel-mla0: running\n", next.out) << next.err;
     // Unless the daemon had already published another pty, the next client said what it dropped.
     if (Contains(next.err, "earlier request")) {
         EXPECT_TRUE(Contains(next.err, "dropped its answer \\r\\nOK\\r\\n")) << next.err;
@@ -237,7 +243,7 @@ TEST_F(ClientVerbsTest, JsonObjectsParseWithAJsonParser) {
     std::string script = "/tmp/client.json";
     std::string c = std::string(clienttest::kClient) + " --json ";
     pid_t run = spawn({"/bin/sh", "-c",
-                       "{ " + c + "query zv-qel-sa; " + c + "query zv-svc-plain; " + c + "system false; " +
+                       "{ " + c + "query zv-qel-mla0; " + c + "query zv-svc-plain; " + c + "system false; " +
                            c + "shell 'echo out; exit 3'; " + c + "save-log; " + c +
                            "-t 1 system sleep 3; } >" + script + " 2>/tmp/client.err"});
     ASSERT_NE(-1, wait_exit(run, 60s));
@@ -261,9 +267,10 @@ TEST_F(ClientVerbsTest, JsonObjectsParseWithAJsonParser) {
     std::vector<std::string> lines = svctest::Lines(read_file("/tmp/parsed.txt"));
     ASSERT_EQ(6u, lines.size()) << read_file("/tmp/parsed.txt");
     EXPECT_EQ(
-        "('query', 'SA+QUERY_SERVICE=\"zv-qel-sa\"\\r', '\\r\\nQUERY_SERVICE: 1\\r\\n\\r\\nOK\\r\\n', True, "
+        "('query', 'SA+QUERY_SERVICE=\"zv-qel-mla0\"\\r', '\\r\\nQUERY_SERVICE: 1\\r\\n\\r\\nOK\\r\\n', "
+        "True, "
         "1, 0, "
-        "'zv-qel-sa: running')",
+        "'zv-qel-mla0: running')",
         lines[0]);
     EXPECT_EQ(
         "('query', 'SA+QUERY_SERVICE=\"zv-svc-plain\"\\r', '\\r\\nQUERY_SERVICE: 0\\r\\n\\r\\nOK\\r\\n', "
@@ -294,7 +301,7 @@ TEST_F(ClientVerbsTest, TwoClientsAtOnceAreBothAnsweredInTurn) {
                     " -v -t 20 system 'sleep 1; touch /data/a' >/tmp/a.out 2>/tmp/a.err";
     std::string b = std::string(clienttest::kClient) +
                     " -v -t 20 system 'sleep 1; touch /data/b' >/tmp/b.out 2>/tmp/b.err";
-    std::string c = std::string(clienttest::kClient) + " -v -t 20 query zv-qel-sa >/tmp/c.out 2>/tmp/c.err";
+    std::string c = std::string(clienttest::kClient) + " -v -t 20 query zv-qel-mla0 >/tmp/c.out 2>/tmp/c.err";
     pid_t pid =
         spawn({"/bin/sh", "-c",
                a + " & " + b + " & " + c + " & wait %1 && wait %2 && wait %3; echo $? >/tmp/all.status"});
@@ -302,7 +309,7 @@ TEST_F(ClientVerbsTest, TwoClientsAtOnceAreBothAnsweredInTurn) {
     EXPECT_EQ("0\n", read_file("/tmp/all.status"));
     EXPECT_EQ("system: the command line exited 0\n", read_file("/tmp/a.out")) << read_file("/tmp/a.err");
     EXPECT_EQ("system: the command line exited 0\n", read_file("/tmp/b.out")) << read_file("/tmp/b.err");
-    EXPECT_EQ("zv-qel-sa: running\n", read_file("/tmp/c.out")) << read_file("/tmp/c.err");
+    EXPECT_EQ("zv-qel-mla0: running\n", read_file("/tmp/c.out")) << read_file("/tmp/c.err");
     EXPECT_TRUE(file_exists("/data/a") && file_exists("/data/b"));
     int waited = 0;
     for (const char *err : {"/tmp/a.err", "/tmp/b.err", "/tmp/c.err"}) {
@@ -323,7 +330,7 @@ int FirstFailingCall(const std::string &args, int times) {
 
 TEST_F(ClientVerbsTest, CallsRightAfterEachOtherAllWork) {
     // Each call's exit closes the command pty; the daemon re-creates its link while the next call starts.
-    EXPECT_EQ(-1, FirstFailingCall("query zv-qel-sa", 30));
+    EXPECT_EQ(-1, FirstFailingCall("query zv-qel-mla0", 30));
     // The same for the listener, which a shell call leaves as soon as its shell runs.
     EXPECT_EQ(-1, FirstFailingCall("shell 'exit 0'", 10));
 }
