@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
@@ -53,12 +54,17 @@ bool poll_trace(const std::string &path, off_t offset, long long deadline_ms, Fi
     }
 }
 
-// A number in square brackets right at text[pos]: "[123]".
-bool bracket_number(const std::string &text, size_t pos, long *value) {
+// A number from 0 to max in square brackets right at text[pos]: "[123]".
+bool bracket_number(const std::string &text, size_t pos, long max, long *value) {
     if (pos >= text.size() || text[pos] != '[') return false;
-    char *end = nullptr;
-    long v = strtol(text.c_str() + pos + 1, &end, 10);
-    if (end == text.c_str() + pos + 1 || *end != ']') return false;
+    size_t end = pos + 1;
+    long v = 0;
+    while (end < text.size() && text[end] >= '0' && text[end] <= '9') {
+        v = v * 10 + (text[end] - '0');
+        if (v > max) return false;
+        ++end;
+    }
+    if (end == pos + 1 || end >= text.size() || text[end] != ']') return false;
     *value = v;
     return true;
 }
@@ -166,7 +172,7 @@ bool zv_trace_shell_pid(const std::string &trace, const std::string &request, in
         size_t eol = trace.find('\n', pos);
         if (p == std::string::npos || (eol != std::string::npos && p > eol)) continue;
         long value = 0;
-        if (bracket_number(trace, p + 5, &value) && value > 0) {
+        if (bracket_number(trace, p + 5, INT_MAX, &value) && value > 0) {
             *pid = static_cast<int>(value);
             return true;
         }
@@ -180,11 +186,11 @@ bool zv_trace_shell_status(const std::string &trace, int pid, int *status) {
     for (size_t pos = trace.find(head); pos != std::string::npos; pos = trace.find(head, pos + 1)) {
         size_t p = pos + head.size();
         long value = 0;
-        if (trace.compare(p, 9, "exit code") == 0 && bracket_number(trace, p + 9, &value)) {
+        if (trace.compare(p, 9, "exit code") == 0 && bracket_number(trace, p + 9, 255, &value)) {
             *status = static_cast<int>(value);
             return true;
         }
-        if (trace.compare(p, 16, "killed by signal") == 0 && bracket_number(trace, p + 16, &value)) {
+        if (trace.compare(p, 16, "killed by signal") == 0 && bracket_number(trace, p + 16, 127, &value)) {
             *status = 128 + static_cast<int>(value);
             return true;
         }

@@ -45,6 +45,21 @@ TEST(ClientShellTrace, PidIsNotKnownBeforeTheWaiterStarts) {
     EXPECT_FALSE(zv_trace_shell_pid(trace, "shell:x", &pid));
 }
 
+TEST(ClientShellTrace, NumbersOutOfRangeAreNotTakenForAPidOrAStatus) {
+    int pid = 0;
+    EXPECT_FALSE(zv_trace_shell_pid(connection("shell:x", 0, "exit code[0]"), "shell:x", &pid));
+    std::string huge = connection("shell:x", 39, "exit code[0]");
+    huge.replace(huge.find("pid[39]"), 7, "pid[3111355000000000000000]");
+    EXPECT_FALSE(zv_trace_shell_pid(huge, "shell:x", &pid));
+    huge.replace(huge.find("pid[3111355000000000000000]"), 27, "pid[2147483648]");
+    EXPECT_FALSE(zv_trace_shell_pid(huge, "shell:x", &pid));
+    int status = -1;
+    EXPECT_FALSE(zv_trace_shell_status(connection("shell:x", 39, "exit code[256]"), 39, &status));
+    EXPECT_FALSE(zv_trace_shell_status(connection("shell:x", 39, "exit code[-1]"), 39, &status));
+    EXPECT_FALSE(zv_trace_shell_status(connection("shell:x", 39, "killed by signal[128]"), 39, &status));
+    EXPECT_FALSE(zv_trace_shell_status(connection("shell:x", 39, "exit code[]"), 39, &status));
+}
+
 TEST(ClientShellTrace, ExitCodeOrSignal) {
     int status = -1;
     ASSERT_TRUE(zv_trace_shell_status(connection("shell:x", 39, "exit code[127]"), 39, &status));
