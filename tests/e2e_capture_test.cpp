@@ -317,7 +317,11 @@ TEST_F(CaptureTest, ConcurrencyKernelLogOnAndOff200TimesLeavesOneReaderAtMost) {
     ASSERT_GT(baseline, 0);
     for (int i = 0; i < 200; ++i) {
         ASSERT_EQ(kOk, cmd_request(fd_, "SA+KERNEL_LOG=1\r")) << i;
-        ASSERT_LE(count_threads(daemon_.pid), baseline + 2) << i;
+        // The new reader, and at most the one stopped just before, still on its way out: a stopped reader
+        // ends at its next copy step, which on a loaded machine may come after the next start. Readers
+        // never pile up.
+        ASSERT_TRUE(poll_until([&] { return count_threads(daemon_.pid) <= baseline + 2; }, 5s))
+            << i << ": " << count_threads(daemon_.pid) << " threads, " << baseline << " at rest";
         ASSERT_EQ(kOk, cmd_request(fd_, "SA+KERNEL_LOG=0\r")) << i;
     }
     EXPECT_TRUE(poll_until([&] { return count_threads(daemon_.pid) == baseline; }, 10s))
