@@ -52,6 +52,24 @@ inline bool is_save_folder_between(const std::string &folder, time_t first, time
     return false;
 }
 
+// Makes the save folders of every second from first to first + seconds (the card root too), so that a
+// save starting in any of them finds its folder already there, as a second save within the same second
+// does. Which second a save lands in is the scheduler's business; this makes the outcome not depend on it.
+inline void make_save_folders(time_t first, int seconds) {
+    mkdir(kSaveRoot, 0755);
+    for (time_t t = first; t <= first + seconds; ++t) mkdir(save_folder_for(t).c_str(), 0777);
+}
+
+// The folder named by the first "log_path_a[...]" trace of a save in text, or "".
+inline std::string traced_save_folder(const std::string &text) {
+    const std::string head = "handle_sa_save_log_set log_path_a[";
+    size_t pos = text.find(head);
+    if (pos == std::string::npos) return "";
+    pos += head.size();
+    size_t end = text.find(']', pos);
+    return end == std::string::npos ? "" : text.substr(pos, end - pos);
+}
+
 // Entries of a folder other than "." and "..", sorted.
 inline std::vector<std::string> dir_entries(const std::string &path) {
     std::vector<std::string> out;
