@@ -23,6 +23,8 @@ wait_for() {
 }
 daemon_pid() { cat /tmp/zv-qel-sa.pid 2>/dev/null || true; }
 links_up() { [ -e /dev/ttySA0 ] && [ -e /dev/ttysa1 ]; }
+prop_is() { [ "$(getprop "$1")" = "$2" ]; }
+restarted() { local p; p=$(daemon_pid); [ -n "$p" ] && [ "$p" != "$first_pid" ] && links_up; }
 # ok VERB...: one client call that must succeed.
 ok() { zv-sa-client "$@" || fail "zv-sa-client $*"; }
 
@@ -52,7 +54,7 @@ ok stop zv-svc-plain
 step "start zv-elog through its property"
 zv-sa-client start zv-elog >/dev/null &
 client=$!
-wait_for 10 test "$(getprop ril.zv.elog.state)" = 1 || fail "ril.zv.elog.state was not set"
+wait_for 10 prop_is ril.zv.elog.state 1 || fail "ril.zv.elog.state was not set"
 bash -c 'exec -a zv-elog /usr/bin/sleep 600' &
 elog=$!
 wait "$client" || fail "start zv-elog"
@@ -82,10 +84,9 @@ zv-sa-client shell 'ls /data/local/log >/dev/null; tail -n 1 /data/local/log/sa.
 step "packet capture on, then off (the daemon ends itself; init starts it again)"
 ok packets on
 ok --yes packets off
-wait_for 30 sh -c '[ -n "$(cat /tmp/zv-qel-sa.pid 2>/dev/null)" ] && [ "$(cat /tmp/zv-qel-sa.pid)" != "'"$first_pid"'" ] && [ -e /dev/ttySA0 ] && [ -e /dev/ttysa1 ]' \
-    || fail "the daemon did not start again"
+wait_for 30 restarted || fail "the daemon did not start again"
 ok query zv-qel-sa
 step "clean stop through init"
 setprop ctl.stop zv-qel-sa || fail "ctl.stop"
-wait_for 15 test "$(getprop init.svc.zv-qel-sa)" = stopped || fail "the daemon did not stop"
+wait_for 15 prop_is init.svc.zv-qel-sa stopped || fail "the daemon did not stop"
 step "done"

@@ -1104,9 +1104,15 @@ def load_snapshot(path):
 
 
 def load_documented(page):
-    """(source, target, class, perm) of every row of the docs' table of accesses the platform forbids."""
+    """(source, target, class, perm) of every row of the table under the docs' heading "Accesses the platform
+    forbids" (and of no other table of the page)."""
     out = {}
     text = open(page).read()
+    heading = "### Accesses the platform forbids"
+    if heading not in text:
+        return out
+    text = text[text.index(heading) + len(heading):]
+    text = re.split(r"\n#{2,3} ", text, maxsplit=1)[0]
     for m in re.finditer(r"^\|\s*`(\S+) (\S+):(\S+) (\S+)`\s*\|(.*)\|\s*$", text, re.M):
         out[(m.group(1), m.group(2), m.group(3), m.group(4))] = m.group(5).split("|")[0].strip()
     return out
@@ -1155,6 +1161,9 @@ def main():
             m = re.search(r"(\d+) in strace's PID NS", res) or re.match(r"(\d+)", res)
             if m:
                 an.parent[int(m.group(1))] = pid
+            # a child may use its own pid (its /proc entry) before its parent's clone() returns
+            for ns in _NSCOMMENT.finditer(res):
+                an.ns_to_host.setdefault(int(ns.group(1)), int(ns.group(2)))
     for pid, name, args, res in calls:
         if an.init_host is None and name == "execve" and args.startswith('"/init"') and res.startswith("0"):
             an.init_host = pid
