@@ -1026,6 +1026,14 @@ class Analysis:
         self.prop_buf[key] = buf
 
     def sc_write(self, proc, a, ret):
+        f = self._fd(proc, a[0])
+        if f and re.match(r"^/proc/\d+/oom_(score_)?adj$", f[0]):
+            # Lowering a process's oom_adj below what it inherited needs sys_resource; raising it does not
+            # (services inherit init's lowest value on a handset, so writing 0 or more is a raise).
+            value = (strarg(a[1]) or "0").strip()
+            if re.match(r"^-\d+$", value):
+                self.add_cap(proc, "sys_resource", "%s <- %s" % (f[0], value))
+            return
         self._send(proc, a)
 
     sc_sendto = sc_write
