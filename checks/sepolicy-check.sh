@@ -20,6 +20,7 @@ work="$top/build-handset-check/sepolicy"
 self_test=0
 [ "${1:-}" = "--self-test" ] && self_test=1
 py=/usr/bin/python3
+export PYTHONDONTWRITEBYTECODE=1
 
 say() { echo "sepolicy-check: $*"; }
 
