@@ -110,24 +110,7 @@ say "compile and coverage checks passed ($(( $(date +%s) - start )) s)"
 # Each check against a deliberate fault in a scratch copy of sepolicy/: every one must fail, for its reason.
 scratch="$work/scratch"
 fresh_copy() { rm -rf "$scratch" && cp -r "$top/sepolicy" "$scratch"; }
-# expect_failure WHAT PATTERN COMMAND...: COMMAND must fail, and its output must name the fault (PATTERN).
-expect_failure() {
-    local what=$1 pattern=$2
-    shift 2
-    if "$@" >"$work/self-test.log" 2>&1; then
-        say "self-test: $what was NOT caught"
-        cat "$work/self-test.log"
-        exit 1
-    fi
-    local line
-    line=$(grep -m1 -E "$pattern" "$work/self-test.log" || true)
-    if [ -z "$line" ]; then
-        say "self-test: $what failed, but not for that reason:"
-        cat "$work/self-test.log"
-        exit 1
-    fi
-    say "self-test: $what caught: $(echo "$line" | sed 's/^ *//' | cut -c1-170)"
-}
+. "$top/checks/expect-failure.sh"
 
 fresh_copy
 echo 'allow zv_qel_sa system_data_file:file write;' >>"$scratch/zv_qel_sa.te"

@@ -36,11 +36,7 @@ class Syscalls:
             return
         pseudo = re.match(r"^/(proc|sys|dev)/", fpath)
         if "O_CREAT" in flags and fpath not in self.created and kind == "file" and not pseudo:
-            parent = os.path.dirname(fpath)
-            self.add_path(proc, parent, "dir", ["add_name", "write"])
-            self.dac(proc, parent, "wx", "dir")
-            t = self.new_object(proc, fpath, "file")
-            self.add(proc.domain, t, "file", "create", fpath)
+            self._make(proc, fpath, "file")
         if path != fpath:
             self.add_path(proc, path, "lnk_file", ["read"])
         t = self.label(proc, fpath, kind)
@@ -138,12 +134,15 @@ class Syscalls:
             proc.cwd = f[0]
 
     # names
-    def _mkdir(self, proc, path, mode):
+    def _make(self, proc, path, cls):
+        """A new object at PATH: a name added to its folder, the object created with the type it gets."""
         parent = os.path.dirname(path)
         self.add_path(proc, parent, "dir", ["add_name", "write"])
         self.dac(proc, parent, "wx", "dir")
-        t = self.new_object(proc, path, "dir")
-        self.add(proc.domain, t, "dir", "create", path)
+        self.add(proc.domain, self.new_object(proc, path, cls), cls, "create", path)
+
+    def _mkdir(self, proc, path, mode):
+        self._make(proc, path, "dir")
         self.meta[path] = (proc.uid, proc.gid, mode & ~proc.umask)
 
     def sc_mkdir(self, proc, a, ret):
@@ -199,11 +198,7 @@ class Syscalls:
     sc_renameat2 = sc_renameat
 
     def _symlink(self, proc, target, path):
-        parent = os.path.dirname(path)
-        self.add_path(proc, parent, "dir", ["add_name", "write"])
-        self.dac(proc, parent, "wx", "dir")
-        t = self.new_object(proc, path, "lnk_file")
-        self.add(proc.domain, t, "lnk_file", "create", path)
+        self._make(proc, path, "lnk_file")
         self.links[path] = target
 
     def sc_symlink(self, proc, a, ret):
