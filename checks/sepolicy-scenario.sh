@@ -43,7 +43,7 @@ echo "modem" >/data/local/log-modem/modem.log
 echo "data log" >/data/log/boot.log
 
 # Owners and modes of what exists now (the daemon's own changes are followed in the trace).
-find /data /dev /storage /proc/sys/kernel/printk -xdev -printf '%p\t%U\t%G\t%m\n' >"$out/snapshot.tsv" 2>/dev/null
+find /data /dev /storage /proc/sys/kernel/printk -xdev -printf '%p\t%U\t%G\t%m\t%y\n' >"$out/snapshot.tsv" 2>/dev/null
 
 step "AT probe, query"
 ok raw AT

@@ -91,14 +91,15 @@ class Proc:
 
 class Analysis(Syscalls):
     def __init__(self, policy, snapshot):
+        meta, kinds = snapshot
         self.p = policy
         self.procs = {}           # host pid -> Proc, for the followed processes
         self.ns_to_host = {}      # handset pid -> host pid
         self.host_uid = {}        # host pid -> uid, for processes not followed
         self.created = {}         # path -> type of an object made during the run
-        self.kinds = {}           # path -> class of an object made or seen during the run
+        self.kinds = dict(kinds)  # path -> class of an object listed by the scenario or made during the run
         self.links = {}           # symlink made during the run -> its target
-        self.meta = dict(snapshot)  # path -> (uid, gid, mode)
+        self.meta = dict(meta)    # path -> (uid, gid, mode)
         self.init_host = None
         self.accesses = collections.OrderedDict()  # (src, tgt, cls, perm) -> [count, example, how]
         self.prop_buf = {}
@@ -394,18 +395,25 @@ class Analysis(Syscalls):
         # The remount of the block device at start-up: what it needs on a handset, whatever the
         # simulator's mount tool then does.
         if base == "mount" and any(a and "remount" in a for a in argv):
+            # The simulator's mount tool then walks the simulator's own mount table (the PC's folders and
+            # files bound into the handset), which is nothing like the handset's: only the declared needs count.
+            proc.stand_in = hpath
             dev = argv[-1] if argv else "?"
             self.add(proc.domain, proc.domain, "capability", "sys_admin", "mount -o remount " + dev, "declared")
             self.add(proc.domain, "labeledfs", "filesystem", "remount", "mount -o remount " + dev, "declared")
 
 def load_snapshot(path):
-    snap = {}
+    """Owner, group and mode, and the class, of each object the scenario listed before its requests."""
+    meta, kinds = {}, {}
+    classes = {"d": "dir", "f": "file", "l": "lnk_file", "c": "chr_file", "b": "blk_file", "p": "fifo_file",
+               "s": "sock_file"}
     if path and os.path.exists(path):
         for line in open(path):
             parts = line.rstrip("\n").split("\t")
-            if len(parts) == 4:
-                snap[parts[0]] = (int(parts[1]), int(parts[2]), int(parts[3], 8))
-    return snap
+            if len(parts) == 5:
+                meta[parts[0]] = (int(parts[1]), int(parts[2]), int(parts[3], 8))
+                kinds[parts[0]] = classes.get(parts[4], "file")
+    return meta, kinds
 
 
 def load_documented(page):
