@@ -328,6 +328,25 @@ class Analysis(Syscalls):
         if "CLONE_THREAD" not in flags:
             self.add(proc.domain, proc.domain, "process", "fork", proc.exe or "")
 
+    def enter(self, pid, old, new, etype, exec_path, fds):
+        """The checks of a domain transition at exec: the transition, the entry point, signal and resource
+        inheritance, the child's SIGCHLD to its parent, and every descriptor the new domain inherits (the
+        kernel closes those it may not use)."""
+        self.add(old, new, "process", "transition", exec_path)
+        for perm in ("entrypoint", "open", "read", "getattr", "execute"):
+            self.add(new, etype, "file", perm, exec_path)
+        for perm in ("siginh", "rlimitinh"):
+            self.add(old, new, "process", perm, exec_path)
+        self.add(new, old, "process", "sigchld", exec_path)
+        for fd, (fpath, cls, tgt, cloexec) in sorted(fds.items()):
+            if cloexec:
+                continue
+            owner = old if cls in ("fifo_file",) or cls.endswith("socket") else None
+            self.add(new, owner or old, "fd", "use", "inherited %s (descriptor %d)" % (fpath, fd))
+            if tgt and cls in ("chr_file", "fifo_file"):
+                for perm in ("read", "write"):
+                    self.add(new, tgt, cls, perm, "inherited %s (descriptor %d)" % (fpath, fd))
+
     def on_exec(self, pid, proc, args, ret):
         path = strarg(args[0])
         if ret != 0:
@@ -339,11 +358,10 @@ class Analysis(Syscalls):
             self.daemon_starts += 1
             ptype = self.label(Proc(pid, "init"), DAEMON, "file")
             new = self.p.transition(parent_domain, ptype, "process")
-            self.add("init", ptype, "file", "execute", DAEMON)
+            for perm in ("getattr", "open", "read", "execute"):
+                self.add("init", ptype, "file", perm, DAEMON)
             if new:
-                self.add("init", new, "process", "transition", DAEMON)
-                self.add(new, ptype, "file", "entrypoint", DAEMON)
-                self.add(new, ptype, "file", "read", DAEMON)
+                self.enter(pid, "init", new, ptype, DAEMON, {})
             else:
                 self.add("init", ptype, "file", "execute_no_trans", DAEMON)
             p = Proc(pid, new or "init", self.host_uid.get(pid, 0), 0, {}, "/")
@@ -365,12 +383,7 @@ class Analysis(Syscalls):
         for perm in ("getattr", "open", "read", "execute"):
             self.add(proc.domain, etype, "file", perm, exec_path)
         if new and new != proc.domain:
-            self.add(proc.domain, new, "process", "transition", exec_path)
-            self.add(new, etype, "file", "entrypoint", exec_path)
-            self.add(new, proc.domain, "process", "sigchld", exec_path)
-            for fd, (fpath, cls, tgt, cloexec) in list(proc.fds.items()):
-                if not cloexec:
-                    self.add(new, proc.domain, "fd", "use", "inherited %s" % fpath)
+            self.enter(pid, proc.domain, new, etype, exec_path, proc.fds)
             proc.domain = new
         else:
             self.add(proc.domain, etype, "file", "execute_no_trans", exec_path)
