@@ -1,3 +1,4 @@
+# shellcheck shell=bash disable=SC2154
 # Sourced by the checks' self-tests (checks/handset-check.sh, checks/sepolicy-check.sh); uses the caller's
 # say() and $work.
 # expect_failure WHAT PATTERN COMMAND...: COMMAND must fail, and its output (colour codes removed) must name

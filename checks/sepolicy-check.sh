@@ -60,12 +60,12 @@ run_scenario() {
     rm -f "$work/trace.txt" "$work/snapshot.tsv"
     # The calls that carry an SELinux check (and what is needed to follow processes, descriptors and ids);
     # "?" marks the calls that 64-bit Arm and other newer architectures do not have.
-    local calls=execve,clone,clone3,?fork,?vfork,?open,openat,?creat,?mkdir,mkdirat,?rmdir,?unlink,unlinkat
-    calls+=,?rename,renameat,renameat2,?symlink,symlinkat,?link,linkat,?chmod,fchmod,fchmodat,?chown,fchown
-    calls+=,fchownat,?lchown,?stat,?lstat,newfstatat,statx,?access,faccessat,faccessat2,statfs,?readlink
-    calls+=,readlinkat,socket,connect,write,sendto,kill,tgkill,tkill,setuid,setgid,setresuid,setresgid,setgroups
-    calls+=,ioctl,getdents64,chdir,fchdir,dup,?dup2,dup3,fcntl,close,truncate,ftruncate,utimensat,mount,syslog
-    calls+=,?pipe,pipe2,umask,flock
+    local calls="execve,clone,clone3,?fork,?vfork,?open,openat,?creat,?mkdir,mkdirat,?rmdir,?unlink,unlinkat"
+    calls+=",?rename,renameat,renameat2,?symlink,symlinkat,?link,linkat,?chmod,fchmod,fchmodat,?chown,fchown"
+    calls+=",fchownat,?lchown,?stat,?lstat,newfstatat,statx,?access,faccessat,faccessat2,statfs,?readlink"
+    calls+=",readlinkat,socket,connect,write,sendto,kill,tgkill,tkill,setuid,setgid,setresuid,setresgid,setgroups"
+    calls+=",ioctl,getdents64,chdir,fchdir,dup,?dup2,dup3,fcntl,close,truncate,ftruncate,utimensat,mount,syslog"
+    calls+=",?pipe,pipe2,umask,flock"
     if ! strace -f -qq --pidns-translation -s 256 -x -e trace="$calls" -o "$work/trace.txt" \
         "$top/sim/zv-handset" run --build "$top/build" --init --rc "$top/sa/zv-qel-sa.rc" \
         --rc "$top/sa/testdata/service-control.rc" --file "$top/sa/zv-qel-sa.cfg" /system/etc/zv-qel-sa.cfg \
