@@ -6,7 +6,8 @@
 #                                                  (--arm64: cross-built, run under qemu; docs in sim/README.md)
 #   ./dev.sh sim                                   install, build, boot the simulated handset
 #   ./dev.sh fuzz [SECONDS]                        build the fuzz targets (clang) and run each in a handset
-#   ./dev.sh handset-check [--self-test]           compile for the handset, check Android.bp/.mk and the .rc
+#   ./dev.sh handset-check [--self-test]           compile for the handset, check Android.bp/.mk and the .rc,
+#                                                  the SELinux policy and the daemon's access coverage
 #   ./dev.sh deps                                  install the packages only
 #
 # Tests and the simulated handset need root (or unprivileged user namespaces) for bubblewrap.
@@ -16,9 +17,10 @@ cd "$(dirname "$0")"
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
           bubblewrap busybox tcpdump python3)
 
-# What the handset checks need on top (checks/handset-check.sh).
+# What the handset checks need on top (checks/handset-check.sh, checks/sepolicy-check.sh).
 handset_packages=(clang-14 libc++-14-dev golang-go golang-android-soong-dev golang-github-google-blueprint-dev
-                  golang-github-golang-protobuf-1-3-dev blueprint-tools soong)
+                  golang-github-golang-protobuf-1-3-dev blueprint-tools soong
+                  m4 checkpolicy policycoreutils selinux-utils python3-setools strace)
 
 # What the arm64 run needs on top: the cross compiler, qemu, and arm64 runtime and GoogleTest (multiarch).
 arm64_packages=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
@@ -118,7 +120,8 @@ case "$cmd" in
         ;;
     handset-check)
         install_deps "${handset_packages[@]}"
-        exec checks/handset-check.sh "$@"
+        checks/handset-check.sh "$@"
+        exec checks/sepolicy-check.sh "$@"
         ;;
     sim)
         install_deps
@@ -128,7 +131,7 @@ case "$cmd" in
             --file sa/zv-qel-sa.cfg /system/etc/zv-qel-sa.cfg -- /bin/bash "$PWD/sim/session.sh"
         ;;
     *)
-        sed -n '2,12p' "$0" >&2
+        sed -n '2,13p' "$0" >&2
         exit 2
         ;;
 esac

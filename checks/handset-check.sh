@@ -158,24 +158,7 @@ fresh_copy() {
     rm -rf "$scratch" && mkdir -p "$scratch"
     (cd "$top" && git ls-files -z --cached --others --exclude-standard | xargs -0 cp --parents -t "$scratch")
 }
-# expect_failure WHAT PATTERN COMMAND...: COMMAND must fail, and its output must name the fault (PATTERN).
-expect_failure() {
-    local what=$1 pattern=$2
-    shift 2
-    if "$@" >"$work/self-test.log" 2>&1; then
-        say "self-test: $what was NOT caught"
-        cat "$work/self-test.log"
-        exit 1
-    fi
-    local line
-    line=$(sed 's/\x1b\[[0-9;]*m//g' "$work/self-test.log" | grep -m1 -E "$pattern" || true)
-    if [ -z "$line" ]; then
-        say "self-test: $what failed, but not for that reason:"
-        cat "$work/self-test.log"
-        exit 1
-    fi
-    say "self-test: $what caught: $(echo "$line" | sed 's/^ *//' | cut -c1-160)"
-}
+. "$top/checks/expect-failure.sh"
 
 fresh_copy
 [ "$have_sysroot" = 1 ] && echo 'int zv_handset_check_probe(void *buf) { return getentropy(buf, 1); }' >>"$scratch/sa/sa-util.cpp"
