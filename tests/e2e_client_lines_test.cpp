@@ -14,6 +14,7 @@
 using namespace zvtest;
 using namespace std::chrono_literals;
 using clienttest::Client;
+using clienttest::Contains;
 using clienttest::Result;
 
 namespace {
@@ -22,10 +23,6 @@ namespace {
 constexpr char kRequestRead[] = "]handle_sa_cmd_req req[";
 // One line of sa.log for every request the listener reads.
 constexpr char kListenerRead[] = "]sa_listener_loop sa_listener_loop service[";
-
-bool Contains(const std::string &text, const std::string &part) {
-    return text.find(part) != std::string::npos;
-}
 
 class ClientLinesTest : public ::testing::Test {
    protected:
