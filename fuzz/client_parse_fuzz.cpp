@@ -47,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                 if (req.meaning == zv_answer_meaning::raw && !said_raw && !zv_is_request_line(line)) abort();
             }
             // The listener reads a shell request in one read.
-            if (req.target == zv_verb_target::shell && req.request.size() > kClientListenerRequestMax) abort();
+            if (req.target == zv_verb_target::shell && req.request.size() > kClientListenerRequestMax)
+                abort();
             zv_verb_context ctx;
             ctx.answered = true;
             ctx.saved_folder = rest.substr(0, 64);

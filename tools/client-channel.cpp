@@ -96,7 +96,8 @@ int zv_client_open_link(const std::string &link, long long deadline_ms, const zv
             return -1;
         }
         if (!said)
-            zv_client_say(report, "%s: %s; waiting for the daemon to publish it", link.c_str(), strerror(err));
+            zv_client_say(report, "%s: %s; waiting for the daemon to publish it", link.c_str(),
+                          strerror(err));
         said = true;
         usleep(kRetryPauseUs);
     }
@@ -231,7 +232,8 @@ bool zv_command_channel::drop_late_answer(zv_channel_lock *lock, long long deadl
         if (owed.empty()) break;
         if (owed != instance_) {
             // The daemon has published another pty since: the owed answer went with the old one.
-            zv_client_say(report, "an earlier request's answer went with a pty that is gone; not waiting for it");
+            zv_client_say(report,
+                          "an earlier request's answer went with a pty that is gone; not waiting for it");
             lock->set_pending("");
             break;
         }

@@ -104,7 +104,8 @@ int listener_handshake(const std::string &listener, const std::string &request, 
 // Copies the shell's output to stdout (or into *captured) and stdin to the shell, until the shell's pty
 // closes or the deadline passes; calls busy() at least every 20 ms for as long as it returns true.
 // False on timeout.
-bool relay(int pty, const zv_shell_options &options, std::string *captured, const std::function<bool()> &busy) {
+bool relay(int pty, const zv_shell_options &options, std::string *captured,
+           const std::function<bool()> &busy) {
     char buf[4096];
     bool stdin_open = options.relay_stdin;
     bool calling = true;

@@ -87,10 +87,11 @@ TEST(ClientVerbs, MistypedVerbsAreUsageErrorsThatNameTheNearestVerb) {
     EXPECT_EQ("unknown verb 'sanity' (did you mean start?)", parse_error({"sanity"}));
     // Request lines in a case the daemon does not take.
     for (const char *word : {"Sa+QUERY_SERVICE=\"x\"", "sa+query_service=\"x\"", "At"}) {
-        EXPECT_EQ("'" + std::string(word) +
-                      "' is not a request line: the daemon takes SA in capitals, and AT or at (raw sends a line "
-                      "as it is)",
-                  parse_error({word}))
+        EXPECT_EQ(
+            "'" + std::string(word) +
+                "' is not a request line: the daemon takes SA in capitals, and AT or at (raw sends a line "
+                "as it is)",
+            parse_error({word}))
             << word;
     }
     // After a request line, every word must be one.
