@@ -9,7 +9,6 @@
 
 #include "fuzz-setup.h"
 #include "sa-autostart.h"
-#include "sa-handlers.h"
 
 static void write_list_file(const uint8_t *data, size_t size) {
     mkdir(SA_AUTO_START_DIR, 0770);

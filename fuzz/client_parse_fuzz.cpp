@@ -1,8 +1,9 @@
 // Fuzzes the client tool's parsers: a line typed at its prompt (verb or request line), the answers it
 // interprets, and the daemon's trace text from which it reads a remote shell's pid and exit status.
-// Whatever the input, a request it sends fits one read of the daemon and ends with its carriage return,
-// a name or command line never carries a quote that would end its parameter early, and its JSON strings
-// hold no raw control byte and nothing above 0x7F.
+// Whatever the input, a request it sends fits one read of the daemon (or the listener) and ends with its
+// carriage return, a line without "raw" goes out only when it is a request line, a name or command line
+// never carries a quote that would end its parameter early, and its JSON strings hold no raw control
+// byte and nothing above 0x7F.
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -41,7 +42,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                     if (quotes != 0 && quotes != 2) abort();
                 }
                 if (req.timeout_ms <= 0) abort();
+                // Without "raw", a line goes out as typed only when it is a request line.
+                bool said_raw = line.compare(line.find_first_not_of(" \t"), 3, "raw") == 0;
+                if (req.meaning == zv_answer_meaning::raw && !said_raw && !zv_is_request_line(line)) abort();
             }
+            // The listener reads a shell request in one read.
+            if (req.target == zv_verb_target::shell && req.request.size() > kClientListenerRequestMax)
+                abort();
             zv_verb_context ctx;
             ctx.answered = true;
             ctx.saved_folder = rest.substr(0, 64);

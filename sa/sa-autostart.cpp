@@ -18,7 +18,6 @@
 #include <unistd.h>
 
 #include "sa-handle.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 #include "util/util.h"
 

@@ -7,6 +7,7 @@
 #include <stddef.h>
 
 #include "sa-args.h"
+#include "sa-handle.h"
 
 // Slots of the auto-start list.
 #define SA_AUTO_START_SLOTS 10
@@ -27,5 +28,8 @@ long auto_start_service_list_run(void);
 // Adds (mode 1) or removes (mode 0) name and rewrites the list file whole. 0 when written, -117 when
 // no slot is free (nothing changed), -118 when the file can't be opened (the table keeps the change).
 long auto_start_service_list_update(const char *name, int mode);
+
+// "+AUTO_START_SERVICE=\"NAME\",MODE": mode 1 adds, 0 removes, 2 answers whether NAME is listed.
+long handle_sa_auto_start_service_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
 
 #endif  // ZV_SA_SA_AUTOSTART_H

@@ -149,4 +149,12 @@ long sa_get_data_space_info(sa_data_space_st *space);
 // Whether /data has room for capture: 0 when it may start, -100 when not (or statfs failed).
 long sa_is_can_start_log_service(void);
 
+// The switches of the command channel: "+KERNEL_LOG=0|1" and "+KERNEL_LOG?", "+DMESG_LOG=0|1" and
+// "+DMESG_LOG?" (sa-switch.cpp), "+DATA_PACKETS_LOG=0|1" (sa-packets.cpp).
+long handle_sa_kernel_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
+long handle_sa_kernel_log_read(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
+long handle_sa_dmesg_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
+long handle_sa_dmesg_log_read(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
+long handle_sa_packets_log_set(int fd, sa_msg_st *req, sa_msg_st *rsp, const char *param);
+
 #endif  // ZV_SA_SA_CAPTURE_H

@@ -14,7 +14,6 @@
 #include "sa-archive.h"
 #include "sa-capture.h"
 #include "sa-handle.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 
 // One delete line: "busybox rm -r " followed by the folder (when m_in_dir) and m_pattern.

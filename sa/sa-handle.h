@@ -1,6 +1,6 @@
 // The command channel: the handler context, the request/response records, the command table's row
 // type, the request grammar and the response functions shared by every command handler. The channel
-// knows the handlers only through a table of that type (sa-handlers.h holds the daemon's table).
+// knows the handlers only through a table of that type (sa-handlers.cpp defines the daemon's table).
 //
 // A client writes AT-style request lines ("SA+QUERY_SERVICE=\"zv-elog\"\r") into the slave of the
 // command pty; the command thread reads them from the master, dispatches them through a command table and
@@ -95,9 +95,5 @@ int sa_call_system_at(const char *src, unsigned line, const char *func, const ch
 
 // The error code every handler reports to the client, whatever went wrong inside.
 #define SA_RSP_ERR_CODE static_cast<uint32_t>(-1)
-
-// Runs a shell command line with system(), up to five attempts 500 ms apart; 0 when one run returned
-// status 0, -118 after five failures.
-long do_sys_command(const char *cmd);
 
 #endif  // ZV_SA_SA_HANDLE_H

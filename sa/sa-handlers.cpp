@@ -10,9 +10,12 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "sa-archive.h"
 #include "sa-autostart.h"
 #include "sa-capture.h"
 #include "sa-cfg.h"
+#include "sa-service.h"
+#include "sa-system.h"
 #include "sa-trace.h"
 
 const sa_cmd_st sa_cmd_table[] = {

@@ -20,7 +20,6 @@
 
 #include "sa-capture.h"
 #include "sa-args.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 
 static constexpr char kPcapFileName[] = "/ipdata.pcap";

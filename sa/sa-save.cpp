@@ -15,7 +15,7 @@
 
 #include "sa-archive.h"
 #include "sa-handle.h"
-#include "sa-handlers.h"
+#include "sa-system.h"
 #include "sa-trace.h"
 
 static constexpr int kMkdirAttempts = 5;

@@ -19,9 +19,10 @@
 
 #include <cutils/properties.h>
 
+#include "sa-service.h"
+
 #include "sa-args.h"
 #include "sa-handle.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 #include "sa-util.h"
 

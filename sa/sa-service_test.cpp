@@ -12,6 +12,7 @@
 #include <atomic>
 
 #include "sa-handle.h"
+#include "sa-service.h"
 #include "sa-util.h"
 #include "handler.h"
 #include "service.h"

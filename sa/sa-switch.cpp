@@ -14,7 +14,6 @@
 
 #include "sa-args.h"
 #include "sa-capture.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 
 // The dmesg snapshot and its older generations (.1 newest, .3 oldest).

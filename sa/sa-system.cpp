@@ -2,13 +2,14 @@
 // around system() that other handlers use for their copy steps. A failing line is run five times in
 // all, 500 ms apart, so its side effects repeat; that is how the host tool expects it to behave.
 #define SA_TRACE_SRC "sa/sa-system"
+#include "sa-system.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "sa-handle.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 
 static constexpr int kSysCommandAttempts = 5;

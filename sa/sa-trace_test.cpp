@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 
 #include "sa-autostart.h"
+#include "sa-service.h"
 #include "capture.h"
 
 using namespace sa_capture_test;

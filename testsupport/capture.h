@@ -33,7 +33,6 @@
 #include "logs.h"
 #include "harness.h"
 #include "sa-handle.h"
-#include "sa-handlers.h"
 #include "sa-trace.h"
 
 namespace sa_capture_test {

@@ -46,6 +46,10 @@ inline Result Client(const std::string &args, std::chrono::milliseconds timeout 
     return ClientIn("/tmp", args, timeout);
 }
 
+inline bool Contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
 // Waits until the daemon answers "AT" on its command link (init may still be starting it).
 inline bool DaemonAnswers(std::chrono::milliseconds timeout = 20s) {
     return zvtest::poll_until([] { return Client("-t 1 AT").status == 0; }, timeout);

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "sa-handle.h"
-#include "sa-handlers.h"
 
 namespace zvtest {
 

@@ -19,14 +19,44 @@ namespace {
 
 // Where the lock files live: writable for root and the shell user on a handset.
 constexpr char kLockDir[] = "/data/local/tmp";
-// How long a client keeps trying to open a link that is being re-created.
-constexpr long long kOpenRetryMs = 5000;
 constexpr useconds_t kRetryPauseUs = 20000;
 // A pty that closes this soon after a request was written was closing already.
 constexpr long long kResendWindowMs = 1000;
 
 void clear_progress(const zv_client_report &report, bool shown) {
     if (report.progress && shown) fputs("\r\033[K", stderr);
+}
+
+bool same_inode(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_ctim.tv_sec == b.st_ctim.tv_sec &&
+           a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+// Opens link once; *instance identifies the pty opened. Why both parts: the daemon makes the link anew
+// (unlink, symlink) for every pty it publishes and removes it before it closes that pty, so a link that
+// is the same inode before and after the open both led to the slave opened and names one instance; a
+// file system may hand a freed inode number out again, but not with the same change time. The slave's
+// device number repeats with its name, its change time (set when the daemon made it and chowned it)
+// does not; it guards the rare link on a file system that reuses numbers within one clock tick.
+int open_instance(const std::string &link, std::string *instance) {
+    struct stat before, after, slave;
+    if (lstat(link.c_str(), &before) != 0) return -1;
+    int fd = zv_client_open(link.c_str());
+    if (fd < 0) return -1;
+    if (lstat(link.c_str(), &after) != 0 || !same_inode(before, after) || fstat(fd, &slave) != 0) {
+        // The daemon replaced the link while it was being opened: try again.
+        close(fd);
+        errno = EAGAIN;
+        return -1;
+    }
+    char text[160];
+    snprintf(text, sizeof(text), "pty %llu ctime %lld.%09ld link %llu:%llu ctime %lld.%09ld",
+             static_cast<unsigned long long>(slave.st_rdev), static_cast<long long>(slave.st_ctim.tv_sec),
+             static_cast<long>(slave.st_ctim.tv_nsec), static_cast<unsigned long long>(after.st_dev),
+             static_cast<unsigned long long>(after.st_ino), static_cast<long long>(after.st_ctim.tv_sec),
+             static_cast<long>(after.st_ctim.tv_nsec));
+    *instance = text;
+    return fd;
 }
 
 }  // namespace
@@ -45,6 +75,32 @@ long long zv_client_now_ms() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+int zv_client_open_link(const std::string &link, long long deadline_ms, const zv_client_report &report,
+                        std::string *why, std::string *instance) {
+    long long until = zv_client_now_ms() + kClientOpenRetryMs;
+    if (deadline_ms >= 0 && until > deadline_ms) until = deadline_ms;
+    bool said = false;
+    while (true) {
+        std::string id;
+        int fd = open_instance(link, &id);
+        if (fd >= 0) {
+            if (instance != nullptr) *instance = id;
+            return fd;
+        }
+        int err = errno;
+        // The link is missing or names a pty that is going away while the daemon makes a fresh one.
+        if (zv_client_now_ms() >= until) {
+            *why = "cannot open " + link + ": " + strerror(err);
+            return -1;
+        }
+        if (!said)
+            zv_client_say(report, "%s: %s; waiting for the daemon to publish it", link.c_str(),
+                          strerror(err));
+        said = true;
+        usleep(kRetryPauseUs);
+    }
 }
 
 std::string zv_channel_lock_path(const std::string &path) {
@@ -100,7 +156,7 @@ bool zv_channel_lock::acquire(long long deadline_ms, const zv_client_report &rep
 
 std::string zv_channel_lock::pending() const {
     if (fd_ < 0) return "";
-    char buf[128];
+    char buf[256];
     ssize_t n = pread(fd_, buf, sizeof(buf) - 1, 0);
     if (n <= 0) return "";
     std::string text(buf, static_cast<size_t>(n));
@@ -108,9 +164,9 @@ std::string zv_channel_lock::pending() const {
     return eol == std::string::npos ? "" : text.substr(0, eol);
 }
 
-void zv_channel_lock::set_pending(const std::string &pts) {
-    if (fd_ < 0 || pending() == pts) return;
-    std::string text = pts.empty() ? "" : pts + "\n";
+void zv_channel_lock::set_pending(const std::string &instance) {
+    if (fd_ < 0 || pending() == instance) return;
+    std::string text = instance.empty() ? "" : instance + "\n";
     if (ftruncate(fd_, 0) != 0) return;
     if (!text.empty()) {
         ssize_t n = pwrite(fd_, text.data(), text.size(), 0);
@@ -165,37 +221,19 @@ zv_read_end zv_channel_read(int fd, std::string *out, bool (*done)(const std::st
 }
 
 bool zv_command_channel::open_fd(long long deadline_ms, const zv_client_report &report, std::string *why) {
-    long long until = zv_client_now_ms() + kOpenRetryMs;
-    if (until > deadline_ms) until = deadline_ms;
-    bool said = false;
-    while (true) {
-        fd_ = zv_client_open(link_.c_str());
-        if (fd_ >= 0) return true;
-        int err = errno;
-        // The link is missing or names a pty that is going away while the daemon makes a fresh one.
-        if (zv_client_now_ms() >= until) {
-            *why = "cannot open " + link_ + ": " + strerror(err);
-            return false;
-        }
-        if (!said)
-            zv_client_say(report, "%s: %s; waiting for the daemon to publish it", link_.c_str(),
-                          strerror(err));
-        said = true;
-        usleep(kRetryPauseUs);
-    }
-}
-
-std::string zv_command_channel::pts_name() const {
-    char name[128];
-    if (fd_ < 0 || ttyname_r(fd_, name, sizeof(name)) != 0) return "";
-    return name;
+    fd_ = zv_client_open_link(link_, deadline_ms, report, why, &instance_);
+    return fd_ >= 0;
 }
 
 bool zv_command_channel::drop_late_answer(zv_channel_lock *lock, long long deadline_ms,
                                           const zv_client_report &report, std::string *why) {
-    while (lock != nullptr && fd_ >= 0 && !lock->pending().empty()) {
-        if (lock->pending() != pts_name()) {
-            // The daemon has published another pty since: the late answer went with the old one.
+    while (lock != nullptr && fd_ >= 0) {
+        std::string owed = lock->pending();
+        if (owed.empty()) break;
+        if (owed != instance_) {
+            // The daemon has published another pty since: the owed answer went with the old one.
+            zv_client_say(report,
+                          "an earlier request's answer went with a pty that is gone; not waiting for it");
             lock->set_pending("");
             break;
         }
@@ -204,6 +242,7 @@ bool zv_command_channel::drop_late_answer(zv_channel_lock *lock, long long deadl
         zv_read_end end =
             zv_channel_read(fd_, &late, zv_client_is_final_answer, deadline_ms, "earlier request", report);
         if (end == zv_read_end::timeout) {
+            // The note stays: the answer is still owed on this pty while the daemon keeps it.
             *why = "the daemon is still busy with an earlier request whose client gave up";
             return false;
         }
@@ -227,19 +266,24 @@ zv_read_end zv_command_channel::request(const std::string &request, std::string 
                                         long long deadline_ms, const char *label, bool may_resend,
                                         zv_channel_lock *lock, const zv_client_report &report,
                                         std::string *why) {
-    long long resend_until = zv_client_now_ms() + kOpenRetryMs;
+    long long resend_until = zv_client_now_ms() + kClientOpenRetryMs;
     while (true) {
         if (fd_ < 0 && !open_fd(deadline_ms, report, why)) return zv_read_end::closed;
         if (!drop_late_answer(lock, deadline_ms, report, why)) return zv_read_end::timeout;
         answer->clear();
         zv_client_say(report, "-> %s", zv_visible(request).c_str());
         long long sent_at = zv_client_now_ms();
+        // Noted before it is sent: a client killed while it waits leaves the note behind. (Killed between
+        // the note and the write, it leaves a note for a request never sent; then the closed pty makes
+        // the daemon publish another one at once, unless the next client opens it within that moment.)
+        if (lock != nullptr) lock->set_pending(instance_);
         bool sent = zv_client_write_all(fd_, request.data(), request.size());
         zv_read_end end =
             sent ? zv_channel_read(fd_, answer, zv_client_is_final_answer, deadline_ms, label, report)
                  : zv_read_end::closed;
-        // An answer that did not come in time will still come, to whoever reads this pty next.
-        if (end == zv_read_end::timeout && lock != nullptr) lock->set_pending(pts_name());
+        // An answer that did not come in time will still come, to whoever reads this pty next: the note
+        // stays. Answered, or the pty closed, nothing more is owed on it.
+        if (end != zv_read_end::timeout && lock != nullptr) lock->set_pending("");
         if (end != zv_read_end::closed || !answer->empty()) return end;
         // Nothing came back and the pty went away at once: the daemon was closing the pty of the client
         // before and never read this request. Send it again on the pty it publishes now. (A daemon that

@@ -10,6 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "client-verbs.h"
 #include "client.h"
 
@@ -19,8 +21,8 @@ namespace {
 constexpr long long kHandshakeMs = 10000;
 // How long the waiter's line may lag behind the end of the shell's pty.
 constexpr long long kStatusWaitMs = 3000;
-constexpr long long kOpenRetryMs = 5000;
 constexpr useconds_t kPollPauseUs = 20000;
+constexpr int kPollPauseMs = kPollPauseUs / 1000;
 
 off_t file_size(const std::string &path) {
     struct stat st;
@@ -69,32 +71,12 @@ bool bracket_number(const std::string &text, size_t pos, long max, long *value) 
     return true;
 }
 
-// Opens the listener, retrying while the daemon re-creates it after the connection before.
-int open_listener(const std::string &listener, const zv_client_report &report, std::string *why) {
-    long long until = zv_client_now_ms() + kOpenRetryMs;
-    bool said = false;
-    while (true) {
-        int fd = zv_client_open(listener.c_str());
-        if (fd >= 0) return fd;
-        int err = errno;
-        if (zv_client_now_ms() >= until) {
-            *why = "cannot open " + listener + ": " + strerror(err);
-            return -1;
-        }
-        if (!said)
-            zv_client_say(report, "%s: %s; waiting for the daemon to publish it", listener.c_str(),
-                          strerror(err));
-        said = true;
-        usleep(kPollPauseUs);
-    }
-}
-
 // Sends request and reads the name of the pty the listener opened for it; the listener fd or -1.
 int listener_handshake(const std::string &listener, const std::string &request, std::string *pts,
                        const zv_client_report &report, std::string *why) {
-    long long until = zv_client_now_ms() + kOpenRetryMs;
+    long long until = zv_client_now_ms() + kClientOpenRetryMs;
     while (true) {
-        int fd = open_listener(listener, report, why);
+        int fd = zv_client_open_link(listener, -1, report, why);
         if (fd < 0) return -1;
         zv_client_say(report, "-> %s: %s", listener.c_str(), zv_visible(request).c_str());
         pts->clear();
@@ -120,17 +102,22 @@ int listener_handshake(const std::string &listener, const std::string &request, 
 }
 
 // Copies the shell's output to stdout (or into *captured) and stdin to the shell, until the shell's pty
-// closes or the deadline passes. False on timeout.
-bool relay(int pty, const zv_shell_options &options, std::string *captured) {
+// closes or the deadline passes; calls busy() at least every 20 ms for as long as it returns true.
+// False on timeout.
+bool relay(int pty, const zv_shell_options &options, std::string *captured,
+           const std::function<bool()> &busy) {
     char buf[4096];
     bool stdin_open = options.relay_stdin;
+    bool calling = true;
     while (true) {
+        if (calling) calling = busy();
         int wait = -1;
         if (options.deadline_ms >= 0) {
             long long left = options.deadline_ms - zv_client_now_ms();
             if (left <= 0) return false;
             wait = static_cast<int>(left);
         }
+        if (calling && (wait < 0 || wait > kPollPauseMs)) wait = kPollPauseMs;
         struct pollfd p[2] = {{pty, POLLIN, 0}, {0, static_cast<short>(stdin_open ? POLLIN : 0), 0}};
         int r = poll(p, stdin_open ? 2 : 1, wait);
         if (r < 0 && errno == EINTR) continue;
@@ -222,21 +209,32 @@ zv_shell_result zv_shell_run(const std::string &request, const zv_shell_options 
     }
     // The acknowledgement that lets the listener start the shell.
     zv_client_write_all(listener, "ok", 2);
-    int pid = 0;
-    bool have_pid = offset >= 0 && poll_trace(options.sa_log, offset, zv_client_now_ms() + kHandshakeMs,
-                                              [&](const std::string &text) {
-                                                  return zv_trace_shell_pid(text, request, &pid);
-                                              });
-    if (have_pid) {
-        zv_client_say(report, "shell pid %d", pid);
-    } else {
-        zv_client_say(report, "the trace file %s does not name the shell's pid", options.sa_log.c_str());
-    }
-    close(listener);
-    lock.release();
 
-    bool ended = relay(pty, options, options.capture ? &result.output : nullptr);
+    // The output is copied from its first byte on while the trace file is read for the shell's pid: a
+    // shell that ends before the pid is known would otherwise take its output with its pty.
+    int pid = 0;
+    bool have_pid = false;
+    bool looking = true;
+    long long look_until = zv_client_now_ms() + kHandshakeMs;
+    auto look = [&](bool last) {
+        if (!looking) return false;
+        have_pid = offset >= 0 && zv_trace_shell_pid(read_from(options.sa_log, offset), request, &pid);
+        if (!have_pid && !last && offset >= 0 && zv_client_now_ms() < look_until) return true;
+        looking = false;
+        if (have_pid) {
+            zv_client_say(report, "shell pid %d", pid);
+        } else {
+            zv_client_say(report, "the trace file %s does not name the shell's pid", options.sa_log.c_str());
+        }
+        // The pid is known (or never will be): the next client may use the listener.
+        close(listener);
+        lock.release();
+        return false;
+    };
+    bool ended = relay(pty, options, options.capture ? &result.output : nullptr, [&] { return look(false); });
     close(pty);
+    // The waiter names the pid before the shell's pty closes, so once it closed one more look does.
+    look(true);
     if (!ended) {
         result.exit_code = kExitTimeout;
         result.why = "the shell did not end in time";
@@ -261,7 +259,7 @@ bool zv_listener_kill(const std::string &listener, const zv_client_report &repor
         *why = "another client held " + listener + " too long";
         return false;
     }
-    int fd = open_listener(listener, report, why);
+    int fd = zv_client_open_link(listener, -1, report, why);
     if (fd < 0) return false;
     zv_client_say(report, "-> %s: host:kill", listener.c_str());
     bool sent = zv_client_write_all(fd, "host:kill", 9);

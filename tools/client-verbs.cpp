@@ -1,9 +1,12 @@
 // The verbs of zv-sa-client; see client-verbs.h.
 #include "client-verbs.h"
 
+#include <ctype.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
-#include <strings.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -24,23 +27,70 @@ bool fail(std::string *error, const std::string &text) {
     return false;
 }
 
-bool starts_with_nocase(const std::string &s, const char *prefix) {
-    return strncasecmp(s.c_str(), prefix, strlen(prefix)) == 0;
-}
+constexpr const char *kVerbs[] = {"start",     "stop",    "query",    "autostart",  "kernel-log",
+                                  "dmesg-log", "packets", "save-log", "delete-log", "system",
+                                  "shell",     "kill",    "raw"};
 
 bool is_verb(const std::string &word) {
-    static const char *const kVerbs[] = {"start",     "stop",    "query",    "autostart",  "kernel-log",
-                                         "dmesg-log", "packets", "save-log", "delete-log", "system",
-                                         "shell",     "kill",    "raw"};
     for (const char *v : kVerbs) {
         if (word == v) return true;
     }
     return false;
 }
 
-// A first word that is a request line already.
-bool is_raw_word(const std::string &word) {
-    return starts_with_nocase(word, "SA") || strcasecmp(word.c_str(), "AT") == 0;
+// Lower case, dashes left out: how a mistyped verb is compared with the verbs.
+std::string folded(const std::string &word) {
+    std::string out;
+    for (char c : word) {
+        if (c != '-') out += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    return out;
+}
+
+// Edits (insert, delete, replace) between a and b; both are short, so the plain table will do.
+size_t edit_distance(const std::string &a, const std::string &b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diagonal = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t up = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = up;
+        }
+    }
+    return row[b.size()];
+}
+
+// The verb a mistyped word most likely meant: one it begins (two letters at least), else the fewest
+// edits; the first in the list on a tie.
+const char *nearest_verb(const std::string &word) {
+    std::string w = folded(word.substr(0, 64));
+    const char *best = kVerbs[0];
+    size_t best_distance = SIZE_MAX;
+    for (const char *v : kVerbs) {
+        std::string f = folded(v);
+        size_t d = w.size() >= 2 && f.compare(0, w.size(), w) == 0 ? 0 : edit_distance(w, f);
+        if (d < best_distance) {
+            best = v;
+            best_distance = d;
+        }
+    }
+    return best;
+}
+
+// What is wrong with a first word that is neither a verb nor a request line.
+std::string not_a_verb(const std::string &word) {
+    std::string shown = zv_visible(word.substr(0, 64));
+    std::string upper = word;
+    for (char &c : upper) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    if (zv_is_request_line(upper)) {
+        return "'" + shown +
+               "' is not a request line: the daemon takes SA in capitals, and AT or at (raw sends a line as "
+               "it is)";
+    }
+    return "unknown verb '" + shown + "' (did you mean " + nearest_verb(word) + "?)";
 }
 
 bool check_length(const zv_verb_request &req, std::string *error) {
@@ -137,6 +187,12 @@ bool parse_verb(const std::vector<std::string> &words, zv_verb_request *req, std
         req->interactive = words.size() == 1;
         req->request = "shell:" + join(words, 1);
         req->subject = join(words, 1);
+        if (req->request.size() > kClientListenerRequestMax) {
+            return fail(error, "the shell command is " + std::to_string(req->subject.size()) +
+                                   " bytes; the listener reads \"shell:\" and the command in one read of " +
+                                   std::to_string(kClientListenerRequestMax) + " bytes, so at most " +
+                                   std::to_string(kClientListenerRequestMax - 6));
+        }
         return true;
     } else if (verb == "kill") {
         if (words.size() != 1) return fail(error, "kill takes no arguments");
@@ -144,7 +200,7 @@ bool parse_verb(const std::vector<std::string> &words, zv_verb_request *req, std
         req->request = "host:kill";
         return true;
     } else {
-        return fail(error, "unknown verb '" + verb + "' (see zv-sa-client --help)");
+        return fail(error, not_a_verb(verb));
     }
     req->timeout_ms = zv_request_timeout_ms(req->request);
     return check_length(*req, error);
@@ -177,9 +233,13 @@ std::string error_code(const std::string &answer) {
 bool zv_verb_parse(const std::vector<std::string> &words, std::vector<zv_verb_request> *out,
                    std::string *error) {
     if (words.empty()) return fail(error, "nothing to do");
-    if (words[0] == "raw" || (!is_verb(words[0]) && is_raw_word(words[0]))) {
+    if (words[0] == "raw" || (!is_verb(words[0]) && zv_is_request_line(words[0]))) {
         size_t from = words[0] == "raw" ? 1 : 0;
         if (from == words.size()) return fail(error, "raw takes one or more request lines");
+        for (size_t i = from; i < words.size(); ++i) {
+            // Without "raw", every word must be a request line by itself.
+            if (from == 0 && !zv_is_request_line(words[i])) return fail(error, not_a_verb(words[i]));
+        }
         for (size_t i = from; i < words.size(); ++i) {
             if (!raw_request(words[i], out, error)) return false;
         }
@@ -201,9 +261,11 @@ bool zv_verb_parse_line(const std::string &line, std::vector<zv_verb_request> *o
         size_t r = line.find_first_not_of(" \t", end);
         if (r != std::string::npos) rest = line.substr(r);
     }
-    bool is_verb_word = is_verb(verb);
-    // Anything else is a request line as typed, as it always was.
-    if (!is_verb_word) return raw_request(line, out, error);
+    if (!is_verb(verb)) {
+        // A request line goes as typed.
+        if (zv_is_request_line(line)) return raw_request(line, out, error);
+        return fail(error, not_a_verb(verb));
+    }
     if (verb == "raw")
         return rest.empty() ? fail(error, "raw takes a request line") : raw_request(rest, out, error);
     std::vector<std::string> words{verb};
@@ -223,6 +285,18 @@ bool zv_verb_parse_line(const std::string &line, std::vector<zv_verb_request> *o
     if (!parse_verb(words, &req, error)) return false;
     out->push_back(req);
     return true;
+}
+
+bool zv_is_request_line(const std::string &text) {
+    size_t p = text.find_first_not_of(" \t");
+    if (p == std::string::npos) return false;
+    if (text.compare(p, 2, "SA") == 0) {
+        p = text.find_first_not_of(" \t", p + 2);
+        return p != std::string::npos && text[p] == '+';
+    }
+    size_t end = text.find_last_not_of(" \t");
+    std::string word = text.substr(p, end + 1 - p);
+    return word == "AT" || word == "at";
 }
 
 int zv_request_timeout_ms(const std::string &request) {

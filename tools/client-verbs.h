@@ -18,6 +18,8 @@ enum : int {
 
 // The longest request the daemon takes: one read of at most 199 bytes, its "\r" included.
 constexpr size_t kClientRequestMax = 199;
+// The longest request the listener takes: one read of at most 1023 bytes, "shell:" included.
+constexpr size_t kClientListenerRequestMax = 1023;
 
 // What a word list asks for.
 enum class zv_verb_target {
@@ -52,13 +54,19 @@ struct zv_verb_request {
     bool interactive = false;  // shell without a command
 };
 
-// Turns one invocation's words (after the options) into requests. Verbs take their arguments from the
-// rest of the words; "raw" (and a first word that starts with "SA" or is "AT") sends each word as a
-// request line of its own. False with a message in *error for a usage error.
+// A request line of the daemon, as the client recognises one without "raw": "SA" in capitals, blanks
+// allowed, then "+" ("SA+KERNEL_LOG?"), or the probe "AT" or "at" alone; blanks around it allowed. The
+// daemon itself looks for "SA" in capitals and answers only those two spellings of the probe.
+bool zv_is_request_line(const std::string &text);
+
+// Turns one invocation's words (after the options) into requests. Verbs are matched exactly and take
+// their arguments from the rest of the words; "raw" sends each word after it as a request line of its
+// own, and so does a first word that is a request line (then every word must be one). Anything else is
+// a usage error that names the nearest verb. False with a message in *error for a usage error.
 bool zv_verb_parse(const std::vector<std::string> &words, std::vector<zv_verb_request> *out,
                    std::string *error);
-// One line typed at the prompt or read from standard input: a verb line, or else a raw request line.
-// The command line of system and shell is taken as typed, blanks and all.
+// One line typed at the prompt or read from standard input: a verb line, a request line (as typed), or
+// a usage error as above. The command line of system and shell is taken as typed, blanks and all.
 bool zv_verb_parse_line(const std::string &line, std::vector<zv_verb_request> *out, std::string *error);
 
 // How long the daemon may take to answer request, from its command name: a start polls for up to 8 s,

@@ -70,7 +70,52 @@ TEST(ClientVerbs, RawWordsAreRequestLinesOfTheirOwn) {
     ASSERT_TRUE(zv_verb_parse({"raw", "hello"}, &out, &error));
     ASSERT_EQ(1u, out.size());
     EXPECT_EQ("hello\r", out[0].request);
-    EXPECT_EQ("sa+query_service=\"x\"\r", parse_one({"sa+query_service=\"x\""}).request);
+    // The probe in both spellings the daemon answers, and blanks between SA and "+".
+    EXPECT_EQ("at\r", parse_one({"at"}).request);
+    EXPECT_EQ("SA +KERNEL_LOG?\r", parse_one({"SA +KERNEL_LOG?"}).request);
+    // Any line at all after raw.
+    EXPECT_EQ("sa+query_service=\"x\"\r", parse_one({"raw", "sa+query_service=\"x\""}).request);
+}
+
+TEST(ClientVerbs, MistypedVerbsAreUsageErrorsThatNameTheNearestVerb) {
+    EXPECT_EQ("unknown verb 'savelog' (did you mean save-log?)", parse_error({"savelog"}));
+    EXPECT_EQ("unknown verb 'save' (did you mean save-log?)", parse_error({"save"}));
+    EXPECT_EQ("unknown verb 'Query' (did you mean query?)", parse_error({"Query", "x"}));
+    EXPECT_EQ("unknown verb 'kernellog' (did you mean kernel-log?)", parse_error({"kernellog", "on"}));
+    EXPECT_EQ("unknown verb 'sytem' (did you mean system?)", parse_error({"sytem", "true"}));
+    // Not a prefix of any verb: the fewest edits.
+    EXPECT_EQ("unknown verb 'sanity' (did you mean start?)", parse_error({"sanity"}));
+    // Request lines in a case the daemon does not take.
+    for (const char *word : {"Sa+QUERY_SERVICE=\"x\"", "sa+query_service=\"x\"", "At"}) {
+        EXPECT_EQ(
+            "'" + std::string(word) +
+                "' is not a request line: the daemon takes SA in capitals, and AT or at (raw sends a line "
+                "as it is)",
+            parse_error({word}))
+            << word;
+    }
+    // After a request line, every word must be one.
+    EXPECT_EQ("unknown verb 'savelog' (did you mean save-log?)", parse_error({"AT", "savelog"}));
+    std::vector<zv_verb_request> out;
+    std::string error;
+    EXPECT_FALSE(zv_verb_parse_line("savelog", &out, &error));
+    EXPECT_EQ("unknown verb 'savelog' (did you mean save-log?)", error);
+    EXPECT_FALSE(zv_verb_parse_line("Sa+SAVE_LOG", &out, &error));
+    EXPECT_TRUE(out.empty());
+}
+
+TEST(ClientVerbs, ShellCommandsLongerThanOneListenerReadAreRefused) {
+    // "shell:" and the command: 1023 bytes pass, 1024 do not.
+    std::string fits(1017, 'x');
+    EXPECT_EQ(1023u, parse_one({"shell", fits}).request.size());
+    EXPECT_EQ(
+        "the shell command is 1018 bytes; the listener reads \"shell:\" and the command in one read of 1023 "
+        "bytes, so at most 1017",
+        parse_error({"shell", fits + "x"}));
+    std::vector<zv_verb_request> out;
+    std::string error;
+    EXPECT_FALSE(zv_verb_parse_line("shell " + fits + "x", &out, &error));
+    EXPECT_TRUE(zv_verb_parse_line("shell " + fits, &out, &error)) << error;
 }
 
 TEST(ClientVerbs, UsageErrorsSayWhat) {
@@ -90,9 +135,9 @@ TEST(ClientVerbs, UsageErrorsSayWhat) {
 
 TEST(ClientVerbs, RequestsLongerThanOneDaemonReadAreRefused) {
     // 199 bytes with the "\r" pass, 200 do not.
-    std::string fits(196, 'a');
-    EXPECT_EQ(199u, parse_one({"SA" + fits}).request.size());
-    EXPECT_NE(std::string::npos, parse_error({"SA" + fits + "b"}).find("at most 199"));
+    std::string fits(195, 'a');
+    EXPECT_EQ(199u, parse_one({"SA+" + fits}).request.size());
+    EXPECT_NE(std::string::npos, parse_error({"SA+" + fits + "b"}).find("at most 199"));
     std::string cmd(199 - std::string("SA+SYSTEM=\"\"\r").size(), 'x');
     EXPECT_EQ(199u, parse_one({"system", cmd}).request.size());
     EXPECT_NE(std::string::npos, parse_error({"system", cmd + "x"}).find("200 bytes"));
@@ -104,15 +149,17 @@ TEST(ClientVerbs, LinesFromStandardInput) {
     ASSERT_TRUE(zv_verb_parse_line("  query   zv-elog ", &out, &error)) << error;
     ASSERT_TRUE(zv_verb_parse_line("system ls  -l   /data", &out, &error)) << error;
     ASSERT_TRUE(zv_verb_parse_line("SA+SYSTEM=\"a b\"", &out, &error)) << error;
-    ASSERT_TRUE(zv_verb_parse_line("anything else", &out, &error)) << error;
+    ASSERT_TRUE(zv_verb_parse_line("  SA +KERNEL_LOG?", &out, &error)) << error;
     ASSERT_TRUE(zv_verb_parse_line("shell echo  two  blanks", &out, &error)) << error;
     ASSERT_EQ(5u, out.size());
     EXPECT_EQ("SA+QUERY_SERVICE=\"zv-elog\"\r", out[0].request);
     EXPECT_EQ("SA+SYSTEM=\"ls  -l   /data\"\r", out[1].request);
     EXPECT_EQ("SA+SYSTEM=\"a b\"\r", out[2].request);
-    EXPECT_EQ("anything else\r", out[3].request);
+    EXPECT_EQ("  SA +KERNEL_LOG?\r", out[3].request);
     EXPECT_EQ("shell:echo  two  blanks", out[4].request);
     EXPECT_FALSE(zv_verb_parse_line("query", &out, &error));
+    EXPECT_FALSE(zv_verb_parse_line("anything else", &out, &error));
+    EXPECT_EQ(5u, out.size());
 }
 
 TEST(ClientVerbs, TimeLimitsFollowTheCommand) {
@@ -122,7 +169,7 @@ TEST(ClientVerbs, TimeLimitsFollowTheCommand) {
     EXPECT_EQ(10000, parse_one({"query", "x"}).timeout_ms);
     EXPECT_EQ(120000, parse_one({"system", "true"}).timeout_ms);
     // A raw request gets the limit of the command it names.
-    EXPECT_EQ(15000, parse_one({"sa  +start_service=\"x\""}).timeout_ms);
+    EXPECT_EQ(15000, parse_one({"SA  +start_service=\"x\""}).timeout_ms);
     EXPECT_EQ(10000, parse_one({"AT"}).timeout_ms);
 }
 
