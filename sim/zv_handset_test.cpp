@@ -47,6 +47,29 @@ TEST(Launcher, PlainRunGivesCommandStatusAndHandsetLayout) {
     EXPECT_EQ(3, probe_exit_code(r)) << r.m_err;
 }
 
+// The handset's userland: mksh is its shell, and also the shell that a C library's system() runs; the
+// plain tools are toybox applets; busybox answers only to its own name.
+TEST(Launcher, HandsetShellIsMkshAndItsPlainToolsAreToyboxApplets) {
+    probe_run r = Handset(
+        {"--build", k_build},
+        {"/system/bin/sh", "-c",
+         "echo \"sh: ${KSH_VERSION%% *}\"; /bin/sh -c 'echo \"/bin/sh: ${KSH_VERSION%% *}\"'; "
+         "for f in sh ls cp rm mkdir chmod touch mount kill ps lsmod dmesg; do "
+         "  echo \"$f: $(basename \"$(readlink -f /system/bin/$f)\")\"; done; "
+         "case $(ls --version) in toybox\\ *) echo 'ls --version: toybox';; esac; "
+         "for f in /system/bin/* /system/xbin/*; do "
+         "  [ \"$(basename \"$(readlink -f $f)\")\" != busybox ] || echo \"busybox: $f\"; done; "
+         "busybox true && echo 'busybox runs'"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ(
+        "sh: @(#)MIRBSD\n/bin/sh: @(#)MIRBSD\n"
+        "sh: mksh\nls: toybox\ncp: toybox\nrm: toybox\nmkdir: toybox\nchmod: toybox\ntouch: toybox\n"
+        "mount: toybox\nkill: toybox\nps: toybox\nlsmod: toybox\ndmesg: dmesg\n"
+        "ls --version: toybox\n"
+        "busybox: /system/bin/busybox\nbusybox: /system/xbin/busybox\nbusybox runs\n",
+        r.m_out);
+}
+
 TEST(Launcher, RcOptionInstallsFilesUnderSystemEtcInit) {
     std::string boot = k_testdata + "/init_boot.rc";
     std::string ctl = k_testdata + "/init_ctl.rc";
