@@ -65,7 +65,10 @@ unpack_arm64_userland() {
     echo "dev.sh: unpacking the handset's arm64 ${arm64_userland[*]} into $dir"
     rm -rf "$dir"
     mkdir -p "$dir/debs"
-    (cd "$dir/debs" && apt-get download -qq "${arm64_userland[@]/%/:arm64}")
+    # As root, apt would hand the download to its own user, who may not write into the build folder.
+    local sandbox=()
+    [ "$(id -u)" != 0 ] || sandbox=(-o APT::Sandbox::User=root)
+    (cd "$dir/debs" && apt-get download -qq "${sandbox[@]}" "${arm64_userland[@]/%/:arm64}")
     for deb in "$dir"/debs/*.deb; do dpkg-deb -x "$deb" "$dir"; done
     rm -rf "$dir/debs"
     qemu-aarch64 "$dir/bin/toybox" | tr -s ' \n' '\n' >"$dir/toybox.applets"
