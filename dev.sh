@@ -20,13 +20,8 @@ packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev
 handset_packages=(clang-14 libc++-14-dev golang-go golang-android-soong-dev golang-github-google-blueprint-dev
                   golang-github-golang-protobuf-1-3-dev blueprint-tools soong)
 
-# What the arm64 run needs on top: the cross compiler, qemu, and arm64 runtime and GoogleTest (multiarch),
-# and what the handset's arm64 toybox links with.
-arm64_packages=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64 libgtest-dev:arm64 libgmock-dev:arm64
-                libcrypt1:arm64)
-# The handset's shell and tools as arm64 programs. Their arm64 packages cannot be installed beside the
-# PC's own (same paths), so they are unpacked into the build folder, where sim/zv-handset finds them.
-arm64_userland=(mksh toybox busybox)
+# What the arm64 run needs on top: the cross compiler, qemu, and arm64 runtime and GoogleTest (multiarch).
+arm64_packages=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
 
 install_deps() {
     local missing=()
@@ -54,27 +49,6 @@ build() {
     cmake --build "$dir" -j2 ${targets:+--target $targets}
 }
 
-# unpack_arm64_userland BUILD: Debian's arm64 mksh, toybox and busybox in BUILD/handset/userland/bin, with
-# toybox's applets listed in BUILD/handset/userland/toybox.applets; kept while the versions stay the same.
-unpack_arm64_userland() {
-    local dir=$1/handset/userland want p deb
-    want=$(for p in "${arm64_userland[@]}"; do
-        echo "$p $(apt-cache policy "$p:arm64" | sed -n 's/^ *Candidate: //p')"
-    done)
-    [ -f "$dir/versions" ] && [ "$(cat "$dir/versions")" = "$want" ] && return 0
-    echo "dev.sh: unpacking the handset's arm64 ${arm64_userland[*]} into $dir"
-    rm -rf "$dir"
-    mkdir -p "$dir/debs"
-    # As root, apt would hand the download to its own user, who may not write into the build folder.
-    local sandbox=()
-    [ "$(id -u)" != 0 ] || sandbox=(-o APT::Sandbox::User=root)
-    (cd "$dir/debs" && apt-get download -qq "${sandbox[@]}" "${arm64_userland[@]/%/:arm64}")
-    for deb in "$dir"/debs/*.deb; do dpkg-deb -x "$deb" "$dir"; done
-    rm -rf "$dir/debs"
-    qemu-aarch64 "$dir/bin/toybox" | tr -s ' \n' '\n' >"$dir/toybox.applets"
-    echo "$want" >"$dir/versions"
-}
-
 # The whole suite cross-built for 64-bit Arm and run under qemu's user-mode emulation. On kernel 6.7 and
 # later, a private user namespace's own binfmt_misc hands every arm64 program to qemu (sim/with-arm64-binfmt),
 # so the handset's init, tools and daemon run as arm64 too; tests labelled with a reason
@@ -87,7 +61,6 @@ test_arm64() {
     kernel=$(uname -r | cut -d- -f1)
     if [ -z "${ZV_ARM64_NO_BINFMT:-}" ] && [ "$(printf '6.7\n%s\n' "$kernel" | sort -V | head -n1)" = 6.7 ]; then
         cmake -S . -B build-arm64 -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake >/dev/null
-        unpack_arm64_userland build-arm64
         # Test discovery runs the test programs, so the build runs in the namespace too.
         sim/with-arm64-binfmt cmake --build build-arm64 -j2
         sim/with-arm64-binfmt ctest --test-dir build-arm64 -j2 --output-on-failure -LE "qemu-cmdline|qemu-memory" "$@"
