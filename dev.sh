@@ -15,7 +15,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-          bubblewrap busybox tcpdump python3)
+          bubblewrap mksh toybox busybox tcpdump python3)
 
 # What the handset checks need on top (checks/handset-check.sh, checks/sepolicy-check.sh).
 handset_packages=(clang-14 libc++-14-dev golang-go golang-android-soong-dev golang-github-google-blueprint-dev

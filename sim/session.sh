@@ -31,7 +31,7 @@ Ctrl-D leaves the prompt for a shell in the handset (zv-sa-client shell for a re
 /dev/ttysa1, cat /data/local/log/sa.log for the trace); 'exit' there powers the handset off.
 TEXT
     zv-sa-client
-    exec /bin/bash -i
+    exec /system/bin/sh -i
 fi
 
 echo "== a scripted session"

@@ -47,6 +47,25 @@ TEST(Launcher, PlainRunGivesCommandStatusAndHandsetLayout) {
     EXPECT_EQ(3, probe_exit_code(r)) << r.m_err;
 }
 
+// The handset's userland: mksh is its shell, and also the shell that a C library's system() runs; the
+// plain tools are toybox applets; busybox answers only to its own name.
+TEST(Launcher, HandsetShellIsMkshAndItsPlainToolsAreToyboxApplets) {
+    probe_run r = Handset(
+        {"--build", k_build},
+        {"/system/bin/sh", "-c",
+         "echo \"sh: ${KSH_VERSION%% *}\"; /bin/sh -c 'echo \"/bin/sh: ${KSH_VERSION%% *}\"'; "
+         "readlink -f /system/bin/{sh,ls,cp,rm,mkdir,chmod,touch,mount,kill,ps,lsmod,dmesg} | sed 's|.*/||'; "
+         "case $(ls --version) in toybox\\ *) echo 'ls --version: toybox';; esac; "
+         "echo \"links to busybox: $(readlink -f /system/bin/* /system/xbin/* | grep -c '/busybox$')\"; "
+         "busybox true && echo 'busybox runs'"});
+    EXPECT_EQ(0, probe_exit_code(r)) << r.m_err;
+    EXPECT_EQ(
+        "sh: @(#)MIRBSD\n/bin/sh: @(#)MIRBSD\n"
+        "mksh\ntoybox\ntoybox\ntoybox\ntoybox\ntoybox\ntoybox\ntoybox\ntoybox\ntoybox\ntoybox\ndmesg\n"
+        "ls --version: toybox\nlinks to busybox: 2\nbusybox runs\n",
+        r.m_out);
+}
+
 TEST(Launcher, RcOptionInstallsFilesUnderSystemEtcInit) {
     std::string boot = k_testdata + "/init_boot.rc";
     std::string ctl = k_testdata + "/init_ctl.rc";

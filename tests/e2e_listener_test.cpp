@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "handset_shell.h"
 #include "harness.h"
 
 using namespace zvtest;
@@ -226,10 +227,13 @@ TEST_F(ListenerTest, ShellInheritsNoDescriptorButItsPty) {
     size_t pos = 0;
     while ((pos = out.find(" -> ", pos)) != std::string::npos) {
         size_t start = out.rfind(' ', pos - 1) + 1;
-        fds.push_back(out.substr(start, pos - start));
         pos += 4;
+        // The handset's ls (toybox) reads the folder through descriptors of its own: /proc/<its pid>/fd.
+        std::string target = out.substr(pos, out.find('\n', pos) - pos);
+        bool own = target.rfind("/proc/", 0) == 0 && target.find("/fd", 6) == target.size() - 3;
+        if (!own) fds.push_back(out.substr(start, pos - 4 - start));
     }
-    // 0 and 2 are the pty, 1 the pipe to cat; ls's own folder descriptor has no link to show.
+    // 0 and 2 are the pty, 1 the pipe to cat.
     EXPECT_EQ((std::vector<std::string>{"0", "1", "2"}), fds) << out;
 }
 
@@ -332,6 +336,45 @@ TEST_F(ListenerTest, FailedReopenStillClosesTheListenerNameAndEndsTheLoop) {
     EXPECT_NE(std::string::npos, records.find("sa_listener_loop exit loop"));
     EXPECT_GE(find_message(sa_log_messages(), "sa_listener_loop exit"), 0);
     if (status != -1) daemon_.pid = -1;  // reaped: nothing left for the tear-down to kill
+}
+
+TEST_F(ListenerTest, InteractiveShellWarnsTwiceThenPromptsAndEchoesEachLine) {
+    Connection c = Request("shell:");
+    EXPECT_EQ(std::string(kShellWarnings) + kShellPrompt, read_to_prompt(c.slave));
+    ASSERT_TRUE(write_all(c.slave, "echo hi\n"));
+    EXPECT_EQ(shell_echo("echo hi") + "hi\n" + kShellPrompt, read_to_prompt(c.slave));
+    ASSERT_TRUE(write_all(c.slave, "zv-nosuch\n"));
+    EXPECT_EQ(shell_echo("zv-nosuch") + shell_not_found("zv-nosuch") + kShellPrompt, read_to_prompt(c.slave));
+    ASSERT_TRUE(write_all(c.slave, "exit 3\n"));
+    bool closed = false;
+    EXPECT_EQ(shell_echo("exit 3"), ReadToClose(c.slave, 10s, &closed));
+    EXPECT_TRUE(closed);
+    close(c.slave);
+    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Exit code[3]") == 1; }, 10s));
+}
+
+TEST_F(ListenerTest, InteractiveShellReadsLinesSentBeforeItsFirstPrompt) {
+    // A client that copies a file sends every line at once, before the shell has started.
+    Connection c = Request("shell:");
+    ASSERT_TRUE(write_all(c.slave, "echo one\necho two\nexit 4\n"));
+    bool closed = false;
+    std::string out = ReadToClose(c.slave, 10s, &closed);
+    EXPECT_TRUE(closed);
+    EXPECT_EQ(std::string(kShellWarnings) + kShellPrompt + shell_echo("echo one") + "one\n" + kShellPrompt +
+                  shell_echo("echo two") + "two\n" + kShellPrompt + shell_echo("exit 4"),
+              out);
+    close(c.slave);
+    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Exit code[4]") == 1; }, 10s));
+}
+
+TEST_F(ListenerTest, ShellWithCommandNeitherWarnsNorEchoes) {
+    // Not interactive: the shell writes the command's output alone, and ends with its status.
+    Connection c = Request("shell:echo out; zv-nosuch; exit 7");
+    bool closed = false;
+    EXPECT_EQ("out\n" + shell_not_found("zv-nosuch"), ReadToClose(c.slave, 10s, &closed));
+    EXPECT_TRUE(closed);
+    close(c.slave);
+    EXPECT_TRUE(poll_until([] { return CountInLog("subproc_waiter_service Exit code[7]") == 1; }, 10s));
 }
 
 TEST(ListenerStartup, ListenerThatCannotOpenStillClosesItsNameAndTheDaemonEnds) {
