@@ -20,7 +20,12 @@
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 say() { echo "handset-kit: $*"; }
-fail() { echo "handset-kit: ERROR: $*" >&2; echo "handset-kit: ERROR: no kit was made" >&2; exit 1; }
+fail() {
+    echo "handset-kit: ERROR: $*" >&2
+    echo "handset-kit: ERROR: no kit was made${work:+ (logs in $work)}" >&2
+    exit 1
+}
+work=""
 
 [ $# = 1 ] || { sed -n '2,21p' "$0" >&2; exit 2; }
 out=$1
@@ -66,7 +71,8 @@ fi
 mkdir -p "$cache" || fail "cannot create the kit cache $cache (set ZV_HANDSET_KIT_CACHE)"
 start=$(date +%s)
 work="$cache/work-$key"
-rm -rf "$work" "$kit" && mkdir -p "$work" "$kit"
+# Left-overs of kits of other keys that failed (their logs) go; finished kits of other keys stay.
+rm -rf "$cache"/work-* "$kit" && mkdir -p "$work" "$kit"
 sysroot="$kit/sysroot"
 libdir="$sysroot/usr/lib/aarch64-linux-android"
 mkdir -p "$libdir/$api" "$sysroot/usr/include"
