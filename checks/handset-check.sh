@@ -252,6 +252,9 @@ if [ -n "$kit" ]; then
     expect_failure "a symbol versioned LIBC_DEPRECATED" "version LIBC_DEPRECATED is not one" probe deprecated
     expect_failure "a library the handset does not have" "DT_NEEDED libzvextra.so" probe extra-library
     expect_failure "a run-time search path" "DT_RUNPATH /data/local/tmp/lib" probe rpath
+    expect_failure "a program at a fixed address" "type ET_EXEC" probe fixed-address
+    # The daemon as lld leaves it, before its DF_1_PIE is cleared.
+    expect_failure "the flag DF_1_PIE left set" "DT_FLAGS_1=0x8000001" "${loader_check[@]}" "$work/build/sa/zv-qel-sa"
 fi
 
 fresh_copy

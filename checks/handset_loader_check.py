@@ -158,6 +158,8 @@ def check(path, api, levels, release):
                 errors.append("%d %s relocation(s): %s by the API-23 loader" % (n, name, what))
 
         imports = imported_symbols(elf)
+        asked = sorted({"%s %s" % (lib, version) for _, lib, version, _ in imports if version})
+        rows.append(("versions asked", ", ".join(asked) or "-"))
         rows.append(("imports", "%d (by first API level below)" % len(imports)))
         by_level = Counter()
         for name, lib, version, weak in imports:
