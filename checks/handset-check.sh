@@ -39,7 +39,11 @@ fi
 export ZV_HANDSET_SYSROOT
 have_sysroot=0
 [ -f "$ZV_HANDSET_SYSROOT/usr/include/sys/system_properties.h" ] && have_sysroot=1
-platform=$(dirname "$ZV_HANDSET_SYSROOT")
+# The rest of the platform material beside the headers (symbol maps, crt sources, API levels), for the
+# kit and the loader check.
+ZV_HANDSET_PLATFORM=$(dirname "$ZV_HANDSET_SYSROOT")
+export ZV_HANDSET_PLATFORM
+platform=$ZV_HANDSET_PLATFORM
 loader_check=(/usr/bin/python3 "$top/checks/handset_loader_check.py" --platform "$platform")
 
 # The analyser: Debian's primary builder of the platform build system with the module types we use.
