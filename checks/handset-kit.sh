@@ -71,8 +71,11 @@ fi
 mkdir -p "$cache" || fail "cannot create the kit cache $cache (set ZV_HANDSET_KIT_CACHE)"
 start=$(date +%s)
 work="$cache/work-$key"
-# Left-overs of kits of other keys that failed (their logs) go; finished kits of other keys stay.
-rm -rf "$cache"/work-* "$kit" && mkdir -p "$work" "$kit"
+# Left-overs of kits that failed (their logs, unfinished kits) go; finished kits of other keys stay.
+for old in "$cache"/kit-*; do
+    [ -f "$old/.complete" ] || rm -rf "$old"
+done
+rm -rf "$cache"/work-* && mkdir -p "$work" "$kit"
 sysroot="$kit/sysroot"
 libdir="$sysroot/usr/lib/aarch64-linux-android"
 mkdir -p "$libdir/$api" "$sysroot/usr/include"
