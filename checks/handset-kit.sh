@@ -110,7 +110,7 @@ grep -q ' __system_property_get@@LIBC$' <<<"$libc_syms" || fail "the libc stub l
 
 # --- crt objects.
 crt="$link_src/libc/arch-common/bionic"
-crt_flags=(--target=$triple -O2 -fPIC -nostdinc -isystem "$(clang-14 -print-resource-dir)/include"
+crt_flags=("--target=$triple" -O2 -fPIC -nostdinc -isystem "$(clang-14 -print-resource-dir)/include"
            -isystem "$headers" -I "$link_src/libc" -I "$link_src/libc/bionic" -I "$link_src/libc/private")
 clang-14 "${crt_flags[@]}" -c "$crt/crtbegin.c" -o "$work/crtbegin.o"
 clang-14 "${crt_flags[@]}" -D__ASSEMBLY__ -DPLATFORM_SDK_VERSION=$api -c "$crt/crtbrand.S" -o "$work/crtbrand.o"
@@ -215,9 +215,11 @@ int main(int argc, char **) {
 EOF
 printf 'cmake_minimum_required(VERSION 3.22)\nproject(probe CXX)\nadd_executable(probe probe.cpp)\n' \
     >"$probe/CMakeLists.txt"
-cmake -S "$probe" -B "$probe/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$kit/handset.toolchain.cmake" \
-    -DCMAKE_BUILD_TYPE=Release >"$work/probe.log" 2>&1 && cmake --build "$probe/build" >>"$work/probe.log" 2>&1 ||
-    { cat "$work/probe.log"; fail "a C++ program does not link with the kit"; }
+if ! { cmake -S "$probe" -B "$probe/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$kit/handset.toolchain.cmake" \
+        -DCMAKE_BUILD_TYPE=Release && cmake --build "$probe/build"; } >"$work/probe.log" 2>&1; then
+    cat "$work/probe.log"
+    fail "a C++ program does not link with the kit"
+fi
 llvm-readelf-14 -d "$probe/build/probe" | grep -q 'NEEDED.*libc.so' || fail "the probe program needs no libc.so"
 
 echo "llvm-toolchain-14 $version; key $key; built $(date -u +%FT%TZ) in $(( $(date +%s) - start )) s" >"$kit/.complete"

@@ -28,7 +28,6 @@ import os
 import sys
 from collections import Counter
 
-from elftools.elf.constants import SH_FLAGS  # noqa: F401  (pyelftools present)
 from elftools.elf.dynamic import DynamicSection
 from elftools.elf.elffile import ELFFile
 from elftools.elf.gnuversions import GNUVerNeedSection, GNUVerSymSection
