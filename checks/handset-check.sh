@@ -2,11 +2,11 @@
 # Checks of the handset build that need no handset (see docs/platform.md):
 #   link      the handset link kit (checks/handset-kit.sh, cached), then the daemon and the client tool
 #             compiled with the project's warnings and -Werror and linked for real as Release programs for
-#             aarch64-linux-android23, stripped into build-handset-check/prebuilt/ (what Android.mk
+#             aarch64-linux-android23, stripped into build-handset-check/build/prebuilt/ (what Android.mk
 #             installs), DF_1_PIE cleared and each read as the API-23 loader would
 #             (checks/handset_loader_check.py)
 #   compile   without the kit (ZV_HANDSET_KIT=none): every source compiled for aarch64-linux-android23
-#             against the handset C library's headers, nothing linked
+#             against the handset C library's headers, nothing linked (in build-handset-check/build-compile)
 #   bp        Android.bp: formatted (bpfmt -l), then analysed by the platform build system's own module
 #             analyser, once with missing dependencies allowed and once strict with only platform modules
 #             left undefined
@@ -196,10 +196,13 @@ start=$(date +%s)
 if [ "$have_sysroot" = 1 ]; then
     get_kit
 fi
-run_all "$top" "$work/build"
+# The two routes build apart: their toolchain files differ.
+build="$work/build"
+[ -n "$kit" ] || build="$work/build-compile"
+run_all "$top" "$build"
 if [ -n "$kit" ]; then
     say "link, loader, bp, mk and rc checks passed ($(( $(date +%s) - start )) s)"
-    say "programs for Android.mk's prebuilt/: $work/build/prebuilt/zv-qel-sa, $work/build/prebuilt/zv-sa-client"
+    say "programs for Android.mk's prebuilt/: $build/prebuilt/zv-qel-sa, $build/prebuilt/zv-sa-client"
 elif [ "$have_sysroot" = 1 ]; then
     say "compile, bp, mk and rc checks passed ($(( $(date +%s) - start )) s); NOT linked (no kit)"
 else
@@ -258,7 +261,7 @@ if [ -n "$kit" ]; then
     expect_failure "a run-time search path" "DT_RUNPATH /data/local/tmp/lib" probe rpath
     expect_failure "a program at a fixed address" "type ET_EXEC" probe fixed-address
     # The daemon as lld leaves it, before its DF_1_PIE is cleared.
-    expect_failure "the flag DF_1_PIE left set" "DT_FLAGS_1=0x8000001" "${loader_check[@]}" "$work/build/sa/zv-qel-sa"
+    expect_failure "the flag DF_1_PIE left set" "DT_FLAGS_1=0x8000001" "${loader_check[@]}" "$build/sa/zv-qel-sa"
 fi
 
 fresh_copy
@@ -275,7 +278,7 @@ expect_failure "an unformatted Android.bp" "not formatted" check_bp "$scratch"
 
 fresh_copy
 sed -i 's|LOCAL_SRC_FILES := sa/zv-qel-sa.rc|LOCAL_SRC_FILES := sa/zv-qel-sa.init|' "$scratch/Android.mk"
-expect_failure "an Android.mk prebuilt whose file is missing" "zv-qel-sa.init.*does not exist" check_mk "$scratch" "$work/build"
+expect_failure "an Android.mk prebuilt whose file is missing" "zv-qel-sa.init.*does not exist" check_mk "$scratch" "$build"
 
 for bad in "$top"/checks/rc-testdata/*.rc; do
     [ "$(basename "$bad")" = good.rc ] && continue
