@@ -1,6 +1,7 @@
 # zv-qel-sa in API-23 device trees, whose build cannot compile C++17: the daemon and the client tool come
-# from the development-kit build (docs/platform.md) and are installed as prebuilts, with the daemon's init
-# service file. Copy the two stripped programs into prebuilt/ beside this file before the platform build.
+# from the development-kit build or the link kit's build here (docs/platform.md) and are installed as
+# prebuilts, with the daemon's init service file. Copy the two stripped programs into prebuilt/ beside this
+# file before the platform build (./dev.sh handset-check leaves them in build-handset-check/build/prebuilt/).
 # Programs go to /system/bin (root:shell, mode 0755 by the platform's file-system defaults), the service
 # file to /system/etc/init, which the device's init.rc must import on API 23.
 LOCAL_PATH := $(call my-dir)

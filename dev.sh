@@ -6,8 +6,8 @@
 #                                                  (--arm64: cross-built, run under qemu; docs in sim/README.md)
 #   ./dev.sh sim                                   install, build, boot the simulated handset
 #   ./dev.sh fuzz [SECONDS]                        build the fuzz targets (clang) and run each in a handset
-#   ./dev.sh handset-check [--self-test]           compile for the handset, check Android.bp/.mk and the .rc,
-#                                                  the SELinux policy and the daemon's access coverage
+#   ./dev.sh handset-check [--self-test]           link for the handset, check the programs, Android.bp/.mk,
+#                                                  the .rc, the SELinux policy and the daemon's access coverage
 #   ./dev.sh deps                                  install the packages only
 #
 # Tests and the simulated handset need root (or unprivileged user namespaces) for bubblewrap.
@@ -17,10 +17,11 @@ cd "$(dirname "$0")"
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
           bubblewrap mksh toybox busybox tcpdump python3)
 
-# What the handset checks need on top (checks/handset-check.sh, checks/sepolicy-check.sh).
-handset_packages=(clang-14 libc++-14-dev golang-go golang-android-soong-dev golang-github-google-blueprint-dev
-                  golang-github-golang-protobuf-1-3-dev blueprint-tools soong
-                  m4 checkpolicy policycoreutils selinux-utils python3-setools strace)
+# What the handset checks need on top (checks/handset-check.sh, checks/sepolicy-check.sh; the link kit,
+# checks/handset-kit.sh, also fetches Debian's llvm-toolchain-14 source package once).
+handset_packages=(clang-14 lld-14 llvm-14 libc++-14-dev xz-utils python3-pyelftools golang-go
+                  golang-android-soong-dev golang-github-google-blueprint-dev golang-github-golang-protobuf-1-3-dev
+                  blueprint-tools soong m4 checkpolicy policycoreutils selinux-utils python3-setools strace)
 
 # What the arm64 run needs on top: the cross compiler, qemu, and arm64 runtime and GoogleTest (multiarch).
 arm64_packages=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64 libgtest-dev:arm64 libgmock-dev:arm64)

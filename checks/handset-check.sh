@@ -1,17 +1,26 @@
 #!/usr/bin/env bash
 # Checks of the handset build that need no handset (see docs/platform.md):
-#   compile   every daemon, common-library and client source compiled for aarch64-linux-android23 against
-#             the handset C library's headers, with the project's warnings and -Werror (nothing links)
+#   link      the handset link kit (checks/handset-kit.sh, cached), then the daemon and the client tool
+#             compiled with the project's warnings and -Werror and linked for real as Release programs for
+#             aarch64-linux-android23, stripped into build-handset-check/build/prebuilt/ (what Android.mk
+#             installs), DF_1_PIE cleared and each read as the API-23 loader would
+#             (checks/handset_loader_check.py)
+#   compile   without the kit (ZV_HANDSET_KIT=none): every source compiled for aarch64-linux-android23
+#             against the handset C library's headers, nothing linked (in build-handset-check/build-compile)
 #   bp        Android.bp: formatted (bpfmt -l), then analysed by the platform build system's own module
 #             analyser, once with missing dependencies allowed and once strict with only platform modules
 #             left undefined
-#   mk        Android.mk converted by androidmk, then the same analysis against placeholder prebuilts
+#   mk        Android.mk converted by androidmk, then the same analysis against the linked programs as its
+#             prebuilts (placeholders in the compile-only route)
 #   rc        the init service file, read as API-23 init would read it
 #
 # Usage: checks/handset-check.sh [--self-test]
-#   --self-test  also proves each check fails: a deliberate fault in a scratch copy of the tree for each
+#   --self-test  also proves each check fails: a deliberate fault in a scratch copy of the tree for each,
+#                and probe programs (checks/handset-faults/) that each break one rule of the loader
 # Environment: ZV_HANDSET_SYSROOT (handset C library headers; default ../shared/platform/... beside the
-# checkout). Work and the cached analyser go to build-handset-check/.
+# checkout); ZV_HANDSET_KIT: unset builds the kit into build-handset-check/kit (cached, see
+# checks/handset-kit.sh), a folder uses the kit there, "none" takes the compile-only route. Work and the
+# cached analyser go to build-handset-check/.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 work="$top/build-handset-check"
@@ -30,6 +39,12 @@ fi
 export ZV_HANDSET_SYSROOT
 have_sysroot=0
 [ -f "$ZV_HANDSET_SYSROOT/usr/include/sys/system_properties.h" ] && have_sysroot=1
+# The rest of the platform material beside the headers (symbol maps, crt sources, API levels), for the
+# kit and the loader check.
+ZV_HANDSET_PLATFORM=$(dirname "$ZV_HANDSET_SYSROOT")
+export ZV_HANDSET_PLATFORM
+platform=$ZV_HANDSET_PLATFORM
+loader_check=(/usr/bin/python3 "$top/checks/handset_loader_check.py" --platform "$platform")
 
 # The analyser: Debian's primary builder of the platform build system with the module types we use.
 build_analyser() {
@@ -95,6 +110,37 @@ check_compile() {  # SRC BUILD
     cmake --build "$build" -j2
 }
 
+# The link kit: built (or taken from its cache) by checks/handset-kit.sh, unless ZV_HANDSET_KIT names one
+# or is "none". Sets kit to its folder, or leaves it empty for the compile-only route.
+kit=""
+get_kit() {
+    case "${ZV_HANDSET_KIT:-}" in
+        none) return 0 ;;
+        "") "$top/checks/handset-kit.sh" "$work/kit" || {
+                say "the link kit could not be made (above); ZV_HANDSET_KIT=none takes the compile-only route"
+                return 1
+            }
+            kit="$work/kit" ;;
+        *) kit=$ZV_HANDSET_KIT ;;
+    esac
+    [ -f "$kit/handset.toolchain.cmake" ] || { say "no link kit at $kit"; return 1; }
+}
+
+# check_link SRC BUILD: the handset programs linked with the kit, stripped into BUILD/prebuilt, checked.
+check_link() {
+    local src=$1 build=$2
+    if ! cmake -S "$src" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE="$kit/handset.toolchain.cmake" >"$build.configure.log" 2>&1; then
+        cat "$build.configure.log"
+        return 1
+    fi
+    cmake --build "$build" -j2 --target zv-qel-sa zv-sa-client || return 1
+    mkdir -p "$build/prebuilt"
+    llvm-strip-14 -o "$build/prebuilt/zv-qel-sa" "$build/sa/zv-qel-sa"
+    llvm-strip-14 -o "$build/prebuilt/zv-sa-client" "$build/tools/zv-sa-client"
+    "${loader_check[@]}" --clear-pie-flag "$build/prebuilt/zv-qel-sa" "$build/prebuilt/zv-sa-client"
+}
+
 check_bp() {  # SRC
     local src=$1 unformatted
     unformatted=$(cd "$src" && bpfmt -l Android.bp)
@@ -105,11 +151,11 @@ check_bp() {  # SRC
     analyse "$src" bp
 }
 
-check_mk() {  # SRC BUILD (the compile check's build, whose placeholder programs stand in for the prebuilts)
+check_mk() {  # SRC BUILD (the link's build, or the compile check's with its placeholder programs)
     local src=$1 build=$2 tree="$work/mk-tree"
     rm -rf "$tree" && mkdir -p "$tree/prebuilt" "$tree/sa"
     cp "$src/sa/zv-qel-sa.rc" "$tree/sa/"
-    cp "$build/sa/zv-qel-sa" "$build/tools/zv-sa-client" "$tree/prebuilt/"
+    cp "$build/prebuilt/zv-qel-sa" "$build/prebuilt/zv-sa-client" "$tree/prebuilt/"
     androidmk "$src/Android.mk" >"$tree/Android.bp"
     analyse "$tree" mk
 }
@@ -120,21 +166,25 @@ check_rc() {  # SRC
 
 run_all() {  # SRC BUILD
     local src=$1 build=$2 failed=0
-    if [ "$have_sysroot" = 1 ]; then
+    mkdir -p "$build/prebuilt"
+    if [ -n "$kit" ]; then
+        check_link "$src" "$build" || { say "link: FAILED"; failed=1; }
+    elif [ "$have_sysroot" = 1 ]; then
+        say "WARNING: no link kit (ZV_HANDSET_KIT=none): compiled only, nothing linked or read as the loader would"
         check_compile "$src" "$build" || { say "compile: FAILED"; failed=1; }
+        cp "$build/sa/zv-qel-sa" "$build/tools/zv-sa-client" "$build/prebuilt/" 2>/dev/null || true
     else
         say "WARNING: no handset C library headers at $ZV_HANDSET_SYSROOT (set ZV_HANDSET_SYSROOT):"
         say "WARNING: the compile check did NOT run; the other checks use placeholder programs"
-        mkdir -p "$build/sa" "$build/tools"
-        : >"$build/sa/zv-qel-sa"
-        : >"$build/tools/zv-sa-client"
+        : >"$build/prebuilt/zv-qel-sa"
+        : >"$build/prebuilt/zv-sa-client"
     fi
     build_analyser
     check_bp "$src" || { say "bp: FAILED"; failed=1; }
-    if [ -f "$build/sa/zv-qel-sa" ]; then
+    if [ -f "$build/prebuilt/zv-qel-sa" ]; then
         check_mk "$src" "$build" || { say "mk: FAILED"; failed=1; }
     else
-        say "mk: FAILED (no compile output)"
+        say "mk: FAILED (no programs)"
         failed=1
     fi
     check_rc "$src" || { say "rc: FAILED"; failed=1; }
@@ -143,9 +193,18 @@ run_all() {  # SRC BUILD
 
 mkdir -p "$work"
 start=$(date +%s)
-run_all "$top" "$work/build"
 if [ "$have_sysroot" = 1 ]; then
-    say "compile, bp, mk and rc checks passed ($(( $(date +%s) - start )) s)"
+    get_kit
+fi
+# The two routes build apart: their toolchain files differ.
+build="$work/build"
+[ -n "$kit" ] || build="$work/build-compile"
+run_all "$top" "$build"
+if [ -n "$kit" ]; then
+    say "link, loader, bp, mk and rc checks passed ($(( $(date +%s) - start )) s)"
+    say "programs for Android.mk's prebuilt/: $build/prebuilt/zv-qel-sa, $build/prebuilt/zv-sa-client"
+elif [ "$have_sysroot" = 1 ]; then
+    say "compile, bp, mk and rc checks passed ($(( $(date +%s) - start )) s); NOT linked (no kit)"
 else
     say "bp, mk and rc checks passed ($(( $(date +%s) - start )) s); the compile check did NOT run"
 fi
@@ -166,6 +225,28 @@ rm -rf "$work/scratch-build"
 [ "$have_sysroot" = 1 ] &&
     expect_failure "a call the C library gains only at API 28" "getentropy" check_compile "$scratch" "$work/scratch-build"
 
+# Probe programs that each break one rule of the API-23 loader (checks/handset-faults/); one breaks none.
+if [ -n "$kit" ]; then
+    faults="$work/faults"
+    rm -rf "$faults"
+    cmake -S "$top/checks/handset-faults" -B "$faults" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE="$kit/handset.toolchain.cmake" >"$faults.configure.log" 2>&1 ||
+        { cat "$faults.configure.log"; say "self-test: the probe programs do not configure"; exit 1; }
+    # probe NAME: builds the probe and reads it as the loader would.
+    probe() { cmake --build "$faults" --target "$1" && "${loader_check[@]}" --clear-pie-flag "$faults/$1"; }
+    probe good >"$work/self-test.log" 2>&1 || { cat "$work/self-test.log"; say "self-test: the good probe FAILED"; exit 1; }
+    expect_failure "a call the C library gains at API 28, declared by hand" "undefined symbol: getentropy" probe late-call
+    expect_failure "a C library variable copied into the program" "COPY relocation" probe copy-reloc
+    expect_failure "a thread_local variable in ELF TLS" "PT_TLS" probe elf-tls
+    expect_failure "a symbol of API 28 through a C library that has it" "getentropy@LIBC_P: arrives at API 28" probe later-api
+    expect_failure "a symbol versioned LIBC_DEPRECATED" "version LIBC_DEPRECATED is not one" probe deprecated
+    expect_failure "a library the handset does not have" "DT_NEEDED libzvextra.so" probe extra-library
+    expect_failure "a run-time search path" "DT_RUNPATH /data/local/tmp/lib" probe rpath
+    expect_failure "a program at a fixed address" "type ET_EXEC" probe fixed-address
+    # The daemon as lld leaves it, before its DF_1_PIE is cleared.
+    expect_failure "the flag DF_1_PIE left set" "DT_FLAGS_1=0x8000001" "${loader_check[@]}" "$build/sa/zv-qel-sa"
+fi
+
 fresh_copy
 sed -i 's/export_include_dirs:/export_include_dir:/' "$scratch/Android.bp"
 expect_failure "a misspelt Android.bp property" 'unrecognized property "export_include_dir"' analyse "$scratch" bp-fault
@@ -180,7 +261,7 @@ expect_failure "an unformatted Android.bp" "not formatted" check_bp "$scratch"
 
 fresh_copy
 sed -i 's|LOCAL_SRC_FILES := sa/zv-qel-sa.rc|LOCAL_SRC_FILES := sa/zv-qel-sa.init|' "$scratch/Android.mk"
-expect_failure "an Android.mk prebuilt whose file is missing" "zv-qel-sa.init.*does not exist" check_mk "$scratch" "$work/build"
+expect_failure "an Android.mk prebuilt whose file is missing" "zv-qel-sa.init.*does not exist" check_mk "$scratch" "$build"
 
 for bad in "$top"/checks/rc-testdata/*.rc; do
     [ "$(basename "$bad")" = good.rc ] && continue

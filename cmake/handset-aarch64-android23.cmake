@@ -1,8 +1,8 @@
-# Stands in for the handset development kit's CMake toolchain file where there is none: clang-14 for
-# aarch64-linux-android23 against the handset C library's public headers (gated by API level) and LLVM's
-# libc++ headers. It compiles every translation unit of the handset build; nothing can be linked (there
-# is no handset libc, crt or libc++ here), so CMake's own checks build static libraries and "linking" a
-# program only leaves an empty placeholder file.
+# The compile-only route of the handset build, for machines that cannot make the link kit
+# (checks/handset-kit.sh, whose toolchain file links for real): clang-14 for aarch64-linux-android23
+# against the handset C library's public headers (gated by API level) and Debian's libc++ headers. It
+# compiles every translation unit of the handset build; nothing is linked, so CMake's own checks build
+# static libraries and "linking" a program only leaves an empty placeholder file.
 #
 #   cmake -S . -B build-handset -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/handset-aarch64-android23.cmake
 #

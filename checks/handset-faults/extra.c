@@ -1,0 +1,1 @@
+int zv_extra(void) { return 0; }
