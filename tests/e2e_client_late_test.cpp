@@ -124,9 +124,10 @@ TEST_F(ClientLateAnswerTest, TwoClientsQueuedBehindAnAbandonedRequestAreBothAnsw
     // Both start while the daemon still runs the line; the one that gets the channel first drops the
     // late answer, the other waits for it and finds nothing owed.
     std::string c = std::string(clienttest::kClient) + " -v -t 30 kernel-log status";
+    // By pid: the handset's shell, without job control, forgets a job that ended before its "wait %N".
     pid_t pid = spawn({"/bin/sh", "-c",
-                       c + " >/tmp/b.out 2>/tmp/b.err & " + c +
-                           " >/tmp/c.out 2>/tmp/c.err & wait %1; b=$?; wait %2; echo $b $? >/tmp/bc.status"});
+                       c + " >/tmp/b.out 2>/tmp/b.err & pb=$!; " + c +
+                           " >/tmp/c.out 2>/tmp/c.err & pc=$!; wait $pb; b=$?; wait $pc; echo $b $? >/tmp/bc.status"});
     ASSERT_NE(-1, wait_exit(pid, 60s));
     EXPECT_EQ("0 0\n", read_file("/tmp/bc.status")) << read_file("/tmp/b.err") << read_file("/tmp/c.err");
     EXPECT_EQ(kSwitchOff, read_file("/tmp/b.out")) << read_file("/tmp/b.err");
