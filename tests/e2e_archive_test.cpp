@@ -94,7 +94,11 @@ class ArchiveE2eTest : public ::testing::Test {
     // Sends one request, then watches the channel: exactly one answer must come.
     std::string RequestOnce(const std::string &request, std::chrono::milliseconds timeout = 30s) {
         std::string answer = cmd_request(fd_, request, timeout);
+        // The command thread answers one request after another, so a second answer would come before
+        // the fence's; the quiet window before it also catches one written from elsewhere.
         EXPECT_EQ("", read_for(fd_, kQuiet)) << "more than one answer to " << request;
+        EXPECT_EQ(0u, read_through_fence(fd_).rfind(kFenceAnswerStart, 0))
+            << "more than one answer to " << request;
         return answer;
     }
     Daemon daemon_;
