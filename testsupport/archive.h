@@ -45,6 +45,19 @@ inline std::string save_folder_for(time_t t) {
     return std::string(kSaveRoot) + "/" + name;
 }
 
+// Makes the save folders of the seconds from first on, count of them, as a save makes its own (mode
+// 0777, empty, the card's save root first). Two saves within one second share the folder because the
+// second finds it there; whether two real saves fit into one second depends on how loaded the machine
+// is, so tests make the folder that the second save will find instead. False when one cannot be made.
+inline bool make_save_folders(time_t first, int count) {
+    mkdir("/storage/real_sd", 0777);
+    mkdir(kSaveRoot, 0777);
+    for (time_t t = first; t < first + count; ++t) {
+        if (mkdir(save_folder_for(t).c_str(), 0777) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
 // Whether folder is the save folder of some second from first to last.
 inline bool is_save_folder_between(const std::string &folder, time_t first, time_t last) {
     for (time_t t = first; t <= last; ++t)
