@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -101,18 +102,26 @@ bool bench_poll_until(const std::function<bool()> &pred, std::chrono::millisecon
     return true;
 }
 
-long bench_vmrss_kb(pid_t pid) {
+long bench_proc_kb(pid_t pid, const char *file, const char *field) {
     char path[64];
-    snprintf(path, sizeof(path), "/proc/%d/status", static_cast<int>(pid));
+    snprintf(path, sizeof(path), "/proc/%d/%s", static_cast<int>(pid), file);
     FILE *fp = fopen(path, "re");
     if (fp == nullptr) return -1;
     char line[256];
     long kb = -1;
+    const size_t len = strlen(field);
     while (fgets(line, sizeof(line), fp) != nullptr) {
-        if (sscanf(line, "VmRSS: %ld kB", &kb) == 1) break;
+        if (strncmp(line, field, len) == 0) {
+            kb = strtol(line + len, nullptr, 10);
+            break;
+        }
     }
     fclose(fp);
     return kb;
+}
+
+long bench_vmrss_kb(pid_t pid) {
+    return bench_proc_kb(pid, "status", "VmRSS:");
 }
 
 long long bench_file_size(const char *path) {

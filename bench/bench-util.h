@@ -47,6 +47,9 @@ double bench_median(std::vector<double> samples);
 bool bench_poll_until(const std::function<bool()> &pred, std::chrono::milliseconds timeout);
 // VmRSS of pid in KiB from /proc/<pid>/status, or -1.
 long bench_vmrss_kb(pid_t pid);
+// A field in kB of a file of /proc/<pid> (file "status": "RssAnon:" ...; "smaps_rollup": "Private_Dirty:",
+// "Anonymous:" ...), or -1.
+long bench_proc_kb(pid_t pid, const char *file, const char *field);
 // Size of a file in bytes, or -1.
 long long bench_file_size(const char *path);
 // Writes all of text to path (created or truncated, mode 0644); false on failure.

@@ -112,11 +112,11 @@ set grid
 set key bottom right
 set title "AT"
 plot "$dat" index 1 using 1:2 with lines lw 2 title "daemon", \
-     "$dat" index 2 using 1:2 with lines lw 2 title "floor (mandated work only)", \
+     "$dat" index 2 using 1:2 with lines lw 2 title "floor (the daemon's own steps)", \
      "$dat" index 0 using 1:2 with lines lw 2 title "bare pty echo"
 set title "+QUERY_SERVICE"
 plot "$dat" index 4 using 1:2 with lines lw 2 title "daemon", \
-     "$dat" index 5 using 1:2 with lines lw 2 title "floor (mandated work only)", \
+     "$dat" index 5 using 1:2 with lines lw 2 title "floor (the daemon's own steps)", \
      "$dat" index 3 using 1:2 with lines lw 2 title "bare pty echo"
 unset multiplot
 EOF
@@ -133,7 +133,7 @@ echo
 echo "Details:"
 for name in "${benches[@]}"; do
     [ -f "$results/$name.txt" ] || continue
-    grep -E '^(one record|ring:|processes in the handset|lookup at|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE( with|:)|pair +[0-9]+:|start-up,)' \
+    grep -E '^(one record|counting again:|ring:|processes in the handset|lookup at|system calls|CPU time of the copier|AT:|\+QUERY_SERVICE( with|:)|pair +[0-9]+:|start-up,)' \
         "$results/$name.txt" | sed 's/^/    /' || true
 done
 exit "$failed"

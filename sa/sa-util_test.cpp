@@ -16,6 +16,8 @@
 #include <string>
 #include <thread>
 
+#include "harness.h"
+
 namespace {
 
 // A process whose argv[0] is `argv0`; killed and reaped when the object goes.
@@ -29,9 +31,7 @@ class Proc {
             _exit(127);
         }
         // Wait until the exec has replaced the command line.
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline && Cmdline().rfind(argv0, 0) != 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        zvtest::poll_until([&] { return Cmdline().rfind(argv0, 0) == 0; }, std::chrono::seconds(10));
     }
     ~Proc() {
         if (pid_ > 0) {
@@ -104,16 +104,15 @@ TEST(SaUtilGetPid, EmptyCommandLineLikeKernelThreadNeverMatches) {
         _exit(127);
     }
     std::string stat_path = "/proc/" + std::to_string(child) + "/stat";
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    bool zombie = false;
-    while (!zombie && std::chrono::steady_clock::now() < deadline) {
-        std::ifstream in(stat_path);
-        std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-        size_t close_paren = stat.rfind(')');
-        zombie =
-            close_paren != std::string::npos && stat.size() > close_paren + 2 && stat[close_paren + 2] == 'Z';
-        if (!zombie) std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    bool zombie = zvtest::poll_until(
+        [&] {
+            std::ifstream in(stat_path);
+            std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+            size_t close_paren = stat.rfind(')');
+            return close_paren != std::string::npos && stat.size() > close_paren + 2 &&
+                   stat[close_paren + 2] == 'Z';
+        },
+        std::chrono::seconds(10));
     ASSERT_TRUE(zombie);
     std::ifstream in("/proc/" + std::to_string(child) + "/cmdline");
     std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

@@ -32,7 +32,11 @@ TEST(ArchiveFullCardE2eTest, CopiesFailAndAreRetriedButTheSaveAnswersOkOnce) {
     EXPECT_EQ(kOk, cmd_request(fd, "SA+SAVE_LOG\r", 60s));
     // The log folder copy alone runs five times with a 500 ms pause after each run.
     EXPECT_GE(std::chrono::steady_clock::now() - start, 2500ms);
+    // Exactly one answer. The command thread answers one request after another, so a second answer
+    // would come before the fence's; the quiet 1.5 s before it (three of the copy's 500 ms pauses) also
+    // catches one written from elsewhere.
     EXPECT_EQ("", read_for(fd, 1500ms));
+    EXPECT_EQ(0u, read_through_fence(fd).rfind(kFenceAnswerStart, 0));
 
     std::string log = read_file(kLogClientFile);
     size_t at = log.find("sa_mkdir log_path_ptr[/storage/real_sd/logs/");

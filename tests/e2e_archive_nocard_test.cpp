@@ -31,7 +31,11 @@ TEST(ArchiveNoCardE2eTest, SaveFailsFiveTimesForRootAndFolderAndAnswersErrorOnce
     EXPECT_EQ(kErr, cmd_request(fd, "SA+SAVE_LOG\r"));
     // Ten failed attempts, each followed by a 50 ms pause.
     EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
+    // Exactly one answer. The command thread answers one request after another, so a second answer
+    // would come before the fence's; the quiet 1.5 s before it also catches one written from elsewhere
+    // (the attempts above are 50 ms apart, so a late writer would have shown itself well within it).
     EXPECT_EQ("", read_for(fd, 1500ms));
+    EXPECT_EQ(0u, read_through_fence(fd).rfind(kFenceAnswerStart, 0));
 
     std::string log = read_file(kLogClientFile);
     const std::string enoent = ") faild errno[2] strerror[No such file or directory]";

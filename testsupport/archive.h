@@ -45,29 +45,24 @@ inline std::string save_folder_for(time_t t) {
     return std::string(kSaveRoot) + "/" + name;
 }
 
+// Makes the save folders of the seconds from first on, count of them, as a save makes its own (mode
+// 0777, empty, the card's save root first). Two saves within one second share the folder because the
+// second finds it there; whether two real saves fit into one second depends on how loaded the machine
+// is, so tests make the folder that the second save will find instead. False when one cannot be made.
+inline bool make_save_folders(time_t first, int count) {
+    mkdir("/storage/real_sd", 0777);
+    mkdir(kSaveRoot, 0777);
+    for (time_t t = first; t < first + count; ++t) {
+        if (mkdir(save_folder_for(t).c_str(), 0777) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
 // Whether folder is the save folder of some second from first to last.
 inline bool is_save_folder_between(const std::string &folder, time_t first, time_t last) {
     for (time_t t = first; t <= last; ++t)
         if (folder == save_folder_for(t)) return true;
     return false;
-}
-
-// Makes the save folders of every second from first to first + seconds (the card root too), so that a
-// save starting in any of them finds its folder already there, as a second save within the same second
-// does. Which second a save lands in is the scheduler's business; this makes the outcome not depend on it.
-inline void make_save_folders(time_t first, int seconds) {
-    mkdir(kSaveRoot, 0755);
-    for (time_t t = first; t <= first + seconds; ++t) mkdir(save_folder_for(t).c_str(), 0777);
-}
-
-// The folder named by the first "log_path_a[...]" trace of a save in text, or "".
-inline std::string traced_save_folder(const std::string &text) {
-    const std::string head = "handle_sa_save_log_set log_path_a[";
-    size_t pos = text.find(head);
-    if (pos == std::string::npos) return "";
-    pos += head.size();
-    size_t end = text.find(']', pos);
-    return end == std::string::npos ? "" : text.substr(pos, end - pos);
 }
 
 // Entries of a folder other than "." and "..", sorted.

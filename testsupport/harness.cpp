@@ -217,6 +217,16 @@ std::string cmd_request(int fd, const std::string &request, std::chrono::millise
     return read_until(fd, is_final_answer, timeout);
 }
 
+std::string read_through_fence(int fd, std::chrono::milliseconds timeout) {
+    if (!write_all(fd, "SA+KERNEL_LOG?\r")) return "<write failed>";
+    return read_until(
+        fd,
+        [](const std::string &got) {
+            return got.find(kFenceAnswerStart) != std::string::npos && is_final_answer(got);
+        },
+        timeout);
+}
+
 std::string cmd_request_once(const std::string &request, std::chrono::milliseconds timeout) {
     int fd = open_client(kCmdLink);
     if (fd < 0) return "<open failed>";

@@ -82,6 +82,12 @@ bool is_final_answer(const std::string &text);
 // Sends one request and reads until its final answer or the deadline.
 std::string cmd_request(int fd, const std::string &request,
                         std::chrono::milliseconds timeout = std::chrono::seconds(20));
+// Sends a fence, "SA+KERNEL_LOG?\r", and returns everything read up to and including its answer
+// ("\r\nKERNEL_LOG: N\r\n\r\nOK\r\n", which no other request shares). The command thread answers
+// requests one after another, so anything it still wrote for an earlier request arrives before the
+// fence's answer, and the result then does not start with kFenceAnswerStart.
+constexpr char kFenceAnswerStart[] = "\r\nKERNEL_LOG: ";
+std::string read_through_fence(int fd, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 // Opens kCmdLink, sends one request, returns the answer, closes.
 std::string cmd_request_once(const std::string &request,
                              std::chrono::milliseconds timeout = std::chrono::seconds(20));

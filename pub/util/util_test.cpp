@@ -43,12 +43,7 @@ int count_tasks() {
 
 // Polls until the thread count of this process is at most want, or the deadline passes.
 bool wait_task_count_at_most(int want) {
-    auto until = Clock::now() + kDeadline;
-    while (Clock::now() < until) {
-        if (count_tasks() <= want) return true;
-        std::this_thread::yield();
-    }
-    return count_tasks() <= want;
+    return zvtest::poll_until([&] { return count_tasks() <= want; }, kDeadline);
 }
 
 std::string read_file(const char *path) {
@@ -241,9 +236,7 @@ TEST(UtilKillThread, EndsThreadBlockedInRead) {
     pthread_t id;
     ASSERT_EQ(0, pthread_create(&id, nullptr, blocked_reader, &w));
     const pthread_t copy = id;
-    auto until = Clock::now() + kDeadline;
-    while (!w.m_ready.load() && Clock::now() < until) std::this_thread::yield();
-    ASSERT_TRUE(w.m_ready.load());
+    ASSERT_TRUE(zvtest::poll_until([&] { return w.m_ready.load(); }, kDeadline));
     EXPECT_EQ(before + 1, count_tasks());
 
     auto start = Clock::now();
@@ -419,9 +412,7 @@ TEST(UtilTrace, EndingThreadSaysSo) {
     pthread_t id;
     ASSERT_EQ(0, pthread_create(&id, nullptr, blocked_reader, &w));
     const pthread_t copy = id;
-    auto until = Clock::now() + kDeadline;
-    while (!w.m_ready.load() && Clock::now() < until) std::this_thread::yield();
-    ASSERT_TRUE(w.m_ready.load());
+    ASSERT_TRUE(zvtest::poll_until([&] { return w.m_ready.load(); }, kDeadline));
     ASSERT_EQ(0, pub_util_kill_thread(&id));
     ASSERT_TRUE(wait_task_count_at_most(before));
     ASSERT_EQ(0, pthread_join(copy, nullptr));
