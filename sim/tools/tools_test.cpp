@@ -97,6 +97,26 @@ TEST_F(ToolsTest, LogcatRotatesIntoCountMinusOneGenerations) {
     WriteFile("/data/local/tmp/fake-logcat.rate", "20000\n");
     pid_t pid = Spawn({"/system/bin/logcat", "-r", "1", "-n", "3", "-f", "/data/local/log/rot.log"});
     ASSERT_TRUE(zvtest::poll_until([] { return FileSize("/data/local/log/rot.log.2") > 1024; }, 10s));
+    // Stop the writing before the kill, so that no rotation is half done (one generation renamed, the
+    // next not yet) when the files are read. The fake reads its rate once a second: once no file has
+    // changed for 1.5 s it writes no more and rotates no more.
+    WriteFile("/data/local/tmp/fake-logcat.rate", "0\n");
+    auto sizes = [] {
+        return std::vector<long long>{FileSize("/data/local/log/rot.log"), FileSize("/data/local/log/rot.log.1"),
+                                      FileSize("/data/local/log/rot.log.2")};
+    };
+    std::vector<long long> last = sizes();
+    auto since = std::chrono::steady_clock::now();
+    ASSERT_TRUE(zvtest::poll_until(
+        [&] {
+            std::vector<long long> now = sizes();
+            if (now != last) {
+                last = now;
+                since = std::chrono::steady_clock::now();
+            }
+            return std::chrono::steady_clock::now() - since >= 1500ms;
+        },
+        20s));
     KillAndReap(pid);
     EXPECT_LE(FileSize("/data/local/log/rot.log"), 1024 + 256);
     EXPECT_GT(FileSize("/data/local/log/rot.log.1"), 1024);
