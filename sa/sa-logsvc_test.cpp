@@ -116,6 +116,10 @@ TEST_F(LogSvcTest, StoppingTwiceSignalsTheSameOldIdsTwice) {
     pthread_t reader = g_zv_log_svc[2].mthread_id;
     sa_kill_all_child_service_ex();
     for (pid_t pid : pids) ASSERT_TRUE(poll_until([&] { return process_gone(pid); }, 5s));
+    // The reader ends on its own after the first stop's signal; until its thread is gone the second
+    // stop's pthread_kill still reaches it. Its task leaving /proc/self/task is the last step of its end.
+    ASSERT_TRUE(poll_until([&] { return thread_count() == baseline_threads_; }, 10s))
+        << thread_count() << " threads, " << baseline_threads_ << " before";
     sa_kill_all_child_service_ex();
     EXPECT_EQ(pids, CapturePids());  // nothing cleared
     EXPECT_EQ(reader, g_zv_log_svc[2].mthread_id);
