@@ -28,11 +28,18 @@ while [ $# -gt 0 ]; do
     esac
 done
 
-# gnuplot draws the picture; only the benchmarks need it, so the project's own setup does not install it.
+# strace finds the shell lines of the daemon's start-up for the start-up floor; gnuplot draws the
+# picture. Only the benchmarks need them, so the project's own setup does not install them.
+sudo=""
+[ "$(id -u)" = 0 ] || sudo=sudo
+if ! command -v strace >/dev/null 2>&1; then
+    echo "run.sh: installing strace for the start-up floor" >&2
+    { $sudo apt-get update -qq &&
+        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends strace; } \
+        >/dev/null || echo "run.sh: warning: strace could not be installed; the start-up benchmark fails" >&2
+fi
 if ! command -v gnuplot >/dev/null 2>&1; then
     echo "run.sh: installing gnuplot-nox for the latency picture" >&2
-    sudo=""
-    [ "$(id -u)" = 0 ] || sudo=sudo
     { $sudo apt-get update -qq &&
         DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends gnuplot-nox; } \
         >/dev/null || echo "run.sh: warning: gnuplot-nox could not be installed; no picture" >&2
