@@ -32,18 +32,16 @@ done
 # picture. Only the benchmarks need them, so the project's own setup does not install them.
 sudo=""
 [ "$(id -u)" = 0 ] || sudo=sudo
-if ! command -v strace >/dev/null 2>&1; then
-    echo "run.sh: installing strace for the start-up floor" >&2
+# install_missing COMMAND PACKAGE WHAT-FOR WITHOUT-IT
+install_missing() {
+    command -v "$1" >/dev/null 2>&1 && return 0
+    echo "run.sh: installing $2 for $3" >&2
     { $sudo apt-get update -qq &&
-        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends strace; } \
-        >/dev/null || echo "run.sh: warning: strace could not be installed; the start-up benchmark fails" >&2
-fi
-if ! command -v gnuplot >/dev/null 2>&1; then
-    echo "run.sh: installing gnuplot-nox for the latency picture" >&2
-    { $sudo apt-get update -qq &&
-        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends gnuplot-nox; } \
-        >/dev/null || echo "run.sh: warning: gnuplot-nox could not be installed; no picture" >&2
-fi
+        DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "$2"; } \
+        >/dev/null || echo "run.sh: warning: $2 could not be installed; $4" >&2
+}
+install_missing strace strace "the start-up floor" "the start-up benchmark fails"
+install_missing gnuplot gnuplot-nox "the latency picture" "no picture"
 
 if [ "$do_build" = 1 ]; then
     if [ ! -f "$build/CMakeCache.txt" ]; then

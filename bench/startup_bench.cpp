@@ -6,8 +6,8 @@
 // and for comparison with capture switched off.
 //
 // The shell lines are not written down here: one start of each variant runs under strace, and the lines
-// that the daemon handed to /bin/sh -c before its first answer are replayed, through system() in the
-// same order and from the same prepared state, as the floor of that variant. A traced start that ran no
+// that the daemon's start-up handed to /bin/sh -c before it started its command thread are replayed,
+// through system() in the same order and from the same prepared state, as the floor of that variant. A traced start that ran no
 // shell line at all fails the benchmark: the trace would have missed them, not the daemon.
 //
 // The client polls for the command link, opens it and repeats "AT\r" until the first answer; the
@@ -21,7 +21,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
